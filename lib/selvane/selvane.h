@@ -1,0 +1,14 @@
+// Everything libselvane offers, in one include.
+#ifndef SELVANE_SELVANE_H
+#define SELVANE_SELVANE_H
+
+#include <selvane/BindMount.h>
+#include <selvane/ChildTask.h>
+#include <selvane/ChrootExecutor.h>
+#include <selvane/Executor.h>
+#include <selvane/FileUtils.h>
+#include <selvane/RecursiveRemovalDirectory.h>
+#include <selvane/TemporaryDirectory.h>
+#include <selvane/TemporaryFile.h>
+
+#endif

@@ -1,0 +1,107 @@
+// main() of every test binary, and the symbols it interposes on the libraries it links.
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "Harness.h"
+#include "HarnessInternal.h"
+
+namespace {
+bool g_privateNamespace = false;
+}
+
+namespace harness {
+bool privateNamespace() { return g_privateNamespace; }
+}  // namespace harness
+
+// ---- interposed C library functions ---------------------------------------------------------
+// An executable's definitions win over libc's for every shared library it links, so the library
+// under test reaches these instead of the real reboot() and syslog().
+
+extern "C" int reboot(int cmd) {
+  harness::internal::recordReboot(cmd);
+  errno = EPERM;
+  return -1;
+}
+
+extern "C" void vsyslog(int priority, const char* format, va_list args) {
+  harness::internal::recordSyslog(priority, format, args);
+}
+
+extern "C" void syslog(int priority, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  harness::internal::recordSyslog(priority, format, args);
+  va_end(args);
+}
+
+// The fortified variants that -D_FORTIFY_SOURCE builds call instead.
+extern "C" void __vsyslog_chk(int priority, int, const char* format, va_list args) {
+  harness::internal::recordSyslog(priority, format, args);
+}
+
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  harness::internal::recordSyslog(priority, format, args);
+  va_end(args);
+}
+
+namespace {
+
+// Drops CAP_SYS_BOOT from the bounding, inheritable, permitted and effective sets; true once it is
+// gone. Children inherit the reduced bounding set, so their reboot(2) fails with EPERM as well.
+bool dropSysBoot() {
+  (void)prctl(PR_CAPBSET_DROP, CAP_SYS_BOOT, 0, 0, 0);  // EPERM for non-root: checked below
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2]{};
+  const __u32 bit = 1u << CAP_SYS_BOOT;
+  if (syscall(SYS_capget, &header, data) != 0) return false;
+  data[0].effective &= ~bit;
+  data[0].permitted &= ~bit;
+  data[0].inheritable &= ~bit;
+  if (syscall(SYS_capset, &header, data) != 0 || syscall(SYS_capget, &header, data) != 0)
+    return false;
+  return !((data[0].effective | data[0].permitted) & bit) &&
+         (geteuid() != 0 || prctl(PR_CAPBSET_READ, CAP_SYS_BOOT, 0, 0, 0) == 0);
+}
+
+// A private mount namespace with / recursively private, and a private /run/lock for the lock
+// files that tools such as libubootenv take. Must run before anything starts a thread.
+bool enterPrivateNamespace() {
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return false;
+  if (mount("selvane-test-lock", "/run/lock", "tmpfs", 0, "mode=1777") != 0) {
+    std::fprintf(stderr, "warning: no private /run/lock: %s\n", std::strerror(errno));
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (!dropSysBoot()) {
+    std::fprintf(stderr, "fatal: CAP_SYS_BOOT is still held\n");
+    return 1;
+  }
+  g_privateNamespace = enterPrivateNamespace();
+  if (!g_privateNamespace) {
+    std::fprintf(stderr, "note: no private mount namespace (%s): tests that need root will skip\n",
+                 std::strerror(errno));
+  }
+  ::testing::InitGoogleTest(&argc, argv);
+  const int result = RUN_ALL_TESTS();
+  harness::internal::releaseHostPathOverlays();
+  return result;
+}
