@@ -30,8 +30,9 @@ bool ensureDirectory(const std::string& dir) {
     return true;
   }
   if (!S_ISDIR(st.st_mode)) {
-    SELVANE_LOG_W("BindMount:ensureDirectory:dir=%s,errno=:Destination exists and is not a directory",
-                  dir.c_str());
+    SELVANE_LOG_W(
+        "BindMount:ensureDirectory:dir=%s,errno=:Destination exists and is not a directory",
+        dir.c_str());
     return false;
   }
   return true;

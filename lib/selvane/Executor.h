@@ -2,8 +2,9 @@
 //
 // The argument and environment vectors are null-terminated arrays of C strings owned by the caller,
 // who keeps them alive until waitExecute() has returned; neither is copied. argv[0] is an absolute
-// path (no PATH search). A null envp keeps the parent's environment; otherwise the program sees only
-// envp. An exec failure makes the child exit with 255. The command line is logged at debug level.
+// path (no PATH search). A null envp keeps the parent's environment; otherwise the program sees
+// only envp. An exec failure makes the child exit with 255. The command line is logged at debug
+// level.
 #ifndef SELVANE_EXECUTOR_H
 #define SELVANE_EXECUTOR_H
 

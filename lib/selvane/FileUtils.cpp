@@ -70,7 +70,8 @@ bool VerifySHA256Sum(const std::string& path, std::string expectedHex) {
 
   static const char kHex[] = "0123456789abcdef";
   for (size_t i = 0; i < SHA256_DIGEST_LENGTH; ++i) {
-    if (kHex[digest[i] >> 4] != expectedHex[2 * i] || kHex[digest[i] & 0xF] != expectedHex[2 * i + 1])
+    if (kHex[digest[i] >> 4] != expectedHex[2 * i] ||
+        kHex[digest[i] & 0xF] != expectedHex[2 * i + 1])
       return false;
   }
   return true;
@@ -92,7 +93,8 @@ bool VerifySHA256SumsFile(const std::string& sumsFile, const std::string& root) 
     }
     if (atEnd) return true;
     if (!VerifySHA256Sum(root.empty() ? path : root + "/" + path, digest)) {
-      SELVANE_LOG_W("FileUtils:VerifySHA256SumsFile:filepath=%s:Checksum mismatch", sumsFile.c_str());
+      SELVANE_LOG_W("FileUtils:VerifySHA256SumsFile:filepath=%s:Checksum mismatch",
+                    sumsFile.c_str());
       break;
     }
   }
