@@ -7,6 +7,8 @@
 #include <selvane/Executor.h>
 #include <selvane/FileUtils.h>
 
+#include <syslog.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,6 +51,8 @@ int main(int argc, char** argv) {
   }
   if (i >= argc || argv[i][0] != '/') return usage();
 
+  // The library logs to syslog; echo its lines on standard error too, so that they can be seen.
+  openlog("selvane-demo", LOG_PERROR, LOG_USER);
   std::vector<const char*> command(argv + i, argv + argc);
   command.push_back(nullptr);
   std::printf("running %s with a time limit of %d s\n", argv[i], timeout);
