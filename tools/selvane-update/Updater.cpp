@@ -1,0 +1,346 @@
+#include "Updater.h"
+
+#include <fcntl.h>
+#include <selvane/selvane.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include "Downloads.h"
+#include "Failure.h"
+#include "Plan.h"
+
+namespace update {
+namespace {
+
+volatile sig_atomic_t g_interrupted = 0;
+
+void onSignal(int signal) { g_interrupted = signal; }
+
+void checkInterrupted(const std::string& step) {
+  if (g_interrupted != 0) {
+    throw Failure(Exit::Interrupted, std::string(g_interrupted == SIGINT ? "SIGINT" : "SIGTERM") +
+                                         " received before " + step + "; nothing was switched");
+  }
+}
+
+const char kReleaseFile[] = "/etc/selvane-release";
+const char kBootMode[] = "boot.bootmode";
+const char kRetryCount[] = "boot.otaretrycount";
+const char kKnownGood[] = "boot.knowngood";
+
+std::string deviceOf(selvane::Device::RootfsLabel label) {
+  return std::string("/dev/disk/by-partlabel/") + selvane::labelToText(label);
+}
+
+// A boot property, or "" when the store has none.
+std::string property(const char* key) {
+  try {
+    return selvane::BRIX::getProperty(key);
+  } catch (const std::runtime_error&) {
+    return "";
+  }
+}
+
+// The release a root filesystem was last updated to, or "" if none was completed.
+std::string readRelease(const std::string& root) {
+  std::ifstream in(root + kReleaseFile);
+  std::string version;
+  std::getline(in, version);
+  return version;
+}
+
+// One instance at a time: a second one fails at once instead of waiting.
+class InstanceLock {
+ public:
+  explicit InstanceLock(const std::string& path) : fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    if (fd < 0) throw Failure(Exit::AlreadyRunning, "cannot open lock file " + path);
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+      close(fd);
+      throw Failure(Exit::AlreadyRunning,
+                    "another selvane-update is running (it holds " + path + ")");
+    }
+  }
+  ~InstanceLock() { close(fd); }
+  InstanceLock(const InstanceLock&) = delete;
+  InstanceLock& operator=(const InstanceLock&) = delete;
+
+ private:
+  int fd;
+};
+
+// The other root filesystem, mounted on a temporary directory for as long as the object lives.
+class MountedRoot {
+ public:
+  MountedRoot(boost::shared_ptr<selvane::Partition> partition, std::string device, bool readOnly)
+      : partition(std::move(partition)), device(std::move(device)) {
+    try {
+      mountpoint = this->partition->mount("", readOnly);
+    } catch (const std::runtime_error& e) {
+      throw Failure(Exit::Mount, "cannot mount " + this->device + ": " + e.what());
+    }
+  }
+  ~MountedRoot() {
+    try {
+      unmount();
+    } catch (const Failure& failure) {
+      std::fprintf(stderr, "selvane-update: %s\n", failure.what());
+    }
+  }
+  MountedRoot(const MountedRoot&) = delete;
+  MountedRoot& operator=(const MountedRoot&) = delete;
+
+  const std::string& path() const { return mountpoint; }
+
+  void makeWritable() {
+    try {
+      partition->remount_rw();
+    } catch (const std::runtime_error& e) {
+      throw Failure(Exit::Mount, "cannot remount " + device + " read-write: " + e.what());
+    }
+  }
+
+  void unmount() {
+    if (mountpoint.empty()) return;
+    try {
+      partition->unmount();
+    } catch (const std::runtime_error& e) {
+      throw Failure(Exit::Mount, "cannot unmount " + device + " from " + mountpoint + ": " + e.what());
+    }
+    rmdir(mountpoint.c_str());  // the library leaves its temporary mount point behind
+    mountpoint.clear();
+  }
+
+ private:
+  boost::shared_ptr<selvane::Partition> partition;
+  std::string device;
+  std::string mountpoint;
+};
+
+void writeRelease(const std::string& root, const std::string& version) {
+  const std::string path = root + kReleaseFile, temporary = path + ".new";
+  std::ofstream out(temporary, std::ios::trunc);
+  out << version << "\n";
+  out.close();
+  if (!out || std::rename(temporary.c_str(), path.c_str()) != 0) {
+    throw Failure(Exit::Install, "cannot record the release in " + path);
+  }
+}
+
+void forgetRelease(const std::string& root) {
+  const std::string path = root + kReleaseFile;
+  if (std::remove(path.c_str()) != 0 && errno != ENOENT) {
+    throw Failure(Exit::Install, "cannot remove " + path);
+  }
+}
+
+// Points the boot loader at label and reads the properties back to be sure they took.
+void switchBoot(selvane::Device& device, selvane::Device::RootfsLabel label, unsigned retries) {
+  device.setBootRootfs(label, retries);
+  const std::string mode = property(kBootMode), count = property(kRetryCount);
+  if (mode != selvane::labelToText(label) || count != std::to_string(retries)) {
+    throw Failure(Exit::BootSwitch, std::string("the property store did not take ") + kBootMode +
+                                        "=" + selvane::labelToText(label) + " and " + kRetryCount +
+                                        "=" + std::to_string(retries) + " (it reads " + kBootMode +
+                                        "=" + mode + ", " + kRetryCount + "=" + count + ")");
+  }
+}
+
+boost::shared_ptr<selvane::Device> systemDevice() {
+  try {
+    return selvane::Device::createSystemDevice();
+  } catch (const std::runtime_error& e) {
+    throw Failure(Exit::Mount, std::string("cannot find the device's root filesystems: ") + e.what());
+  }
+}
+
+Event planEvent(const Plan& plan, uint64_t fetchBytes) {
+  std::vector<std::string> install;
+  for (const selvane::Package& package : plan.install)
+    install.push_back(package.getName() + " " + package.getVersion());
+  return Event("plan")
+      .add("remove", plan.remove)
+      .add("install", install)
+      .add("unchanged", static_cast<uint64_t>(plan.unchanged.size()))
+      .add("download_bytes", fetchBytes);
+}
+
+std::string describePlan(const Plan& plan, uint64_t fetchBytes) {
+  std::string text = "plan: " + std::to_string(plan.install.size()) + " to install, " +
+                     std::to_string(plan.remove.size()) + " to remove, " +
+                     std::to_string(plan.unchanged.size()) + " unchanged; " +
+                     humanBytes(fetchBytes) + " to download";
+  for (const std::string& name : plan.remove) text += "\n  remove   " + name;
+  for (const selvane::Package& package : plan.install)
+    text += "\n  install  " + package.getName() + " " + package.getVersion() + " (" +
+            humanBytes(package.getSize()) + ")";
+  return text;
+}
+
+}  // namespace
+
+void installSignalHandlers() {
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+bool interrupted() { return g_interrupted != 0; }
+
+Updater::Updater(const Options& options, Output& out) : options(options), out(out) {}
+
+void Updater::install() {
+  InstanceLock lock(options.lockFile);
+  Downloads downloads(options, out);
+  const selvane::Manifest release = downloads.manifest();
+  out.emit(Event("manifest").add("version", release.getVersion()).add("packages", static_cast<uint64_t>(release.getPackages().size())),
+           "release " + release.getVersion() + " with " +
+               std::to_string(release.getPackages().size()) + " packages");
+
+  const boost::shared_ptr<selvane::Device> device = systemDevice();
+  const selvane::Device::RootfsLabel current = device->getCurrentRootfs();
+  const selvane::Device::RootfsLabel other = device->getOtherRootfs();
+  const bool bootsOther = property(kBootMode) == selvane::labelToText(other);
+
+  MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
+  selvane::PackageManager packages(root.path());
+  packages.refreshInstalledPackages();
+  const Plan plan = makePlan(release, packages.getInstalledPackages());
+  if (plan.empty() && bootsOther && readRelease(root.path()) == release.getVersion()) {
+    out.emit(Event("up-to-date").add("release", release.getVersion()).add("rootfs", selvane::labelToText(other)),
+             std::string(selvane::labelToText(other)) + " already holds release " +
+                 release.getVersion() + " and is selected for the next boot: nothing to do");
+    return;
+  }
+  out.emit(planEvent(plan, downloads.bytesToFetch(plan.install)),
+           describePlan(plan, downloads.bytesToFetch(plan.install)));
+
+  // Everything is fetched and checked before the other root is written.
+  const std::vector<std::string> files = downloads.fetch(plan.install);
+  checkInterrupted("writing " + std::string(selvane::labelToText(other)));
+  if (bootsOther) {
+    // A half-finished earlier update: never leave the boot loader pointing at a root in work.
+    switchBoot(*device, current, 0);
+    out.emit(Event("boot-reset").add("bootmode", selvane::labelToText(current)),
+             std::string("boot selection pointed back at the running ") +
+                 selvane::labelToText(current) + " while " + selvane::labelToText(other) +
+                 " is rewritten");
+  }
+  root.makeWritable();
+  forgetRelease(root.path());
+
+  for (const std::string& name : plan.remove) {
+    checkInterrupted("removing " + name);
+    out.emit(Event("remove").add("package", name), "removing " + name);
+    if (!packages.removePackage(name, options.timeout))
+      throw Failure(Exit::Install, "cannot remove " + name + " from " + deviceOf(other));
+  }
+  for (size_t i = 0; i < files.size(); ++i) {
+    const selvane::Package& package = plan.install[i];
+    checkInterrupted("installing " + package.getName());
+    out.emit(Event("install").add("package", package.getName()).add("version", package.getVersion()),
+             "installing " + package.getName() + " " + package.getVersion());
+    if (!packages.installPackage(files[i], options.timeout))
+      throw Failure(Exit::Install, "cannot install " + files[i] + " into " + deviceOf(other));
+  }
+  checkInterrupted("configuring");
+  out.emit(Event("configure"), "configuring packages");
+  if (!packages.configurePackages(options.timeout))
+    throw Failure(Exit::Configure, "packages in " + deviceOf(other) + " failed to configure");
+  checkInterrupted("verifying");
+  out.emit(Event("verify"), "verifying installed files");
+  packages.refreshInstalledPackages();
+  if (!packages.verifyPackages(false, true))
+    throw Failure(Exit::Verify, "installed files in " + deviceOf(other) + " do not match their packages");
+  checkInterrupted("the sanity check");
+  out.emit(Event("sanity-check"), "running the sanity check");
+  if (!packages.performSanityCheck(options.timeout))
+    throw Failure(Exit::SanityCheck, "/usr/local/bin/ota-sanity-check.sh in " + deviceOf(other) + " failed");
+  writeRelease(root.path(), release.getVersion());
+  root.unmount();
+  checkInterrupted("the boot switch");
+
+  switchBoot(*device, other, options.retries);
+  out.emit(Event("switched")
+               .add("release", release.getVersion())
+               .add("bootmode", selvane::labelToText(other))
+               .add("retries", static_cast<uint64_t>(options.retries)),
+           "release " + release.getVersion() + " installed; the next boot starts " +
+               selvane::labelToText(other) + " (" + std::to_string(options.retries) + " retries)");
+}
+
+void Updater::check() {
+  InstanceLock lock(options.lockFile);
+  Downloads downloads(options, out);
+  const selvane::Manifest release = downloads.manifest();
+  const boost::shared_ptr<selvane::Device> device = systemDevice();
+  const selvane::Device::RootfsLabel other = device->getOtherRootfs();
+  MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
+  selvane::PackageManager packages(root.path());
+  packages.refreshInstalledPackages();
+  const Plan plan = makePlan(release, packages.getInstalledPackages());
+  const uint64_t bytes = downloads.bytesToFetch(plan.install);
+  out.emit(planEvent(plan, bytes).add("release", release.getVersion()).add("rootfs", selvane::labelToText(other)),
+           "release " + release.getVersion() + " for " + selvane::labelToText(other) + "\n" +
+               describePlan(plan, bytes));
+}
+
+void Updater::status() {
+  InstanceLock lock(options.lockFile);
+  const boost::shared_ptr<selvane::Device> device = systemDevice();
+  const selvane::Device::RootfsLabel current = device->getCurrentRootfs();
+  const selvane::Device::RootfsLabel other = device->getOtherRootfs();
+  std::map<std::string, std::string> otherPackages;
+  std::string otherRelease;
+  {
+    MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
+    selvane::PackageManager packages(root.path());
+    packages.refreshInstalledPackages();
+    otherPackages = packages.getInstalledPackages();
+    otherRelease = readRelease(root.path());
+  }
+  Event event("status");
+  event.add("current", selvane::labelToText(current))
+      .add("other", selvane::labelToText(other))
+      .add(kBootMode, property(kBootMode))
+      .add(kRetryCount, property(kRetryCount))
+      .add(kKnownGood, property(kKnownGood))
+      .add("current_release", readRelease(""))
+      .add("other_release", otherRelease);
+  std::vector<std::string> listed;
+  std::string text = std::string("running        ") + selvane::labelToText(current) + ", release " +
+                     (readRelease("").empty() ? "unknown" : readRelease("")) + "\nother          " +
+                     selvane::labelToText(other) + ", release " +
+                     (otherRelease.empty() ? "none" : otherRelease) + "\n" + kBootMode +
+                     "  " + property(kBootMode) + "\n" + kRetryCount + " " + property(kRetryCount) +
+                     "\n" + kKnownGood + " " + property(kKnownGood) + "\npackages in " +
+                     selvane::labelToText(other) + ":";
+  for (const auto& [name, version] : otherPackages) {
+    listed.push_back(name + " " + version);
+    text += "\n  " + name + " " + version;
+  }
+  out.emit(event.add("other_packages", listed), text);
+}
+
+void Updater::markGood() {
+  InstanceLock lock(options.lockFile);
+  const boost::shared_ptr<selvane::Device> device = systemDevice();
+  const selvane::Device::RootfsLabel current = device->getCurrentRootfs();
+  device->setKnownGood(current);
+  if (property(kKnownGood) != selvane::labelToText(current)) {
+    throw Failure(Exit::BootSwitch, std::string("the property store did not take ") + kKnownGood +
+                                        "=" + selvane::labelToText(current));
+  }
+  out.emit(Event("known-good").add("rootfs", selvane::labelToText(current)),
+           std::string(selvane::labelToText(current)) + " marked known good");
+}
+
+}  // namespace update

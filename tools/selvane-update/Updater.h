@@ -1,0 +1,45 @@
+// The road of one update, from manifest to boot switch, and the other subcommands.
+//
+// Every step that fails throws a Failure naming what failed and where. The boot selection is
+// changed only after every earlier step succeeded, and the running root filesystem is never
+// written: packages go into the other root, mounted on a temporary directory.
+#ifndef SELVANE_UPDATE_UPDATER_H
+#define SELVANE_UPDATE_UPDATER_H
+
+#include <string>
+
+#include "Output.h"
+
+namespace update {
+
+struct Options {
+  std::string manifest;                   // a file or an http(s) URL
+  std::string keys;                       // directory of trusted PEM public keys
+  std::string credentials;                // storage credentials file, for signed downloads
+  std::string cache = "/var/cache/selvane";
+  std::string lockFile = "/run/lock/selvane-update.lock";
+  unsigned retries = 3;                   // boot attempts of the new root before falling back
+  int timeout = 600;                      // seconds for each package command
+};
+
+// SIGINT and SIGTERM stop the update at the next safe point.
+void installSignalHandlers();
+bool interrupted();
+
+class Updater {
+ public:
+  Updater(const Options& options, Output& out);
+
+  void install();
+  void check();
+  void status();
+  void markGood();
+
+ private:
+  Options options;
+  Output& out;
+};
+
+}  // namespace update
+
+#endif
