@@ -7,6 +7,7 @@
 #include <selvane/ChrootExecutor.h>
 #include <selvane/Executor.h>
 #include <selvane/FileUtils.h>
+#include <selvane/PackageManager.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
 #include <selvane/TemporaryFile.h>
