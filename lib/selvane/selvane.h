@@ -7,6 +7,9 @@
 #include <selvane/ChrootExecutor.h>
 #include <selvane/Executor.h>
 #include <selvane/FileUtils.h>
+#include <selvane/Manifest.h>
+#include <selvane/PackageVerifier.h>
+#include <selvane/PackageVerifierSet.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
 #include <selvane/TemporaryFile.h>
