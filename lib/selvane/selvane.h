@@ -7,7 +7,10 @@
 #include <selvane/ChrootExecutor.h>
 #include <selvane/Executor.h>
 #include <selvane/FileUtils.h>
+#include <selvane/Manifest.h>
 #include <selvane/PackageManager.h>
+#include <selvane/PackageVerifier.h>
+#include <selvane/PackageVerifierSet.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
 #include <selvane/TemporaryFile.h>
