@@ -6,9 +6,12 @@
 #include <selvane/ChildTask.h>
 #include <selvane/ChrootExecutor.h>
 #include <selvane/Executor.h>
+#include <selvane/FileDownloader.h>
+#include <selvane/FileDownloaderError.h>
 #include <selvane/FileUtils.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
 #include <selvane/TemporaryFile.h>
+#include <selvane/ZorvelFileDownloader.h>
 
 #endif
