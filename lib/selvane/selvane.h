@@ -6,6 +6,8 @@
 #include <selvane/ChildTask.h>
 #include <selvane/ChrootExecutor.h>
 #include <selvane/Executor.h>
+#include <selvane/FileDownloader.h>
+#include <selvane/FileDownloaderError.h>
 #include <selvane/FileUtils.h>
 #include <selvane/Manifest.h>
 #include <selvane/PackageManager.h>
@@ -14,5 +16,6 @@
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
 #include <selvane/TemporaryFile.h>
+#include <selvane/ZorvelFileDownloader.h>
 
 #endif
