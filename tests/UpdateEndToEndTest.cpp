@@ -1,0 +1,371 @@
+// selvane-update on the simulated A/B device: the whole road of an update, and every way it can
+// fail without touching the running root filesystem or the boot selection.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <sstream>
+
+#include "Harness.h"
+#include "PackageBuilder.h"
+
+namespace {
+
+const std::string kSim = SELVANE_TEST_SOURCE_DIR "/../tools/selvane-sim/selvane-sim";
+const std::string kBin = SELVANE_BINARY_DIR "/bin";
+const std::string kUpdate = kBin + "/selvane-update";
+
+std::string quote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// A command running in the background, whose output is read line by line.
+class Background {
+ public:
+  explicit Background(const std::string& command) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    pid = fork();
+    if (pid == 0) {
+      dup2(fds[1], STDOUT_FILENO);
+      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+      _exit(127);
+    }
+    close(fds[1]);
+    out = fdopen(fds[0], "r");
+  }
+  ~Background() {
+    if (pid > 0) {
+      kill(pid, SIGKILL);
+      wait();
+    }
+    if (out != nullptr) fclose(out);
+  }
+  // Reads lines until one contains text; false at the end of the output.
+  bool waitFor(const std::string& text) {
+    char line[4096];
+    while (fgets(line, sizeof line, out) != nullptr) {
+      if (std::string(line).find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+  // The pid of a process this command started, found by its name among its descendants.
+  pid_t descendant(const std::string& name) const {
+    std::vector<pid_t> family{pid};
+    for (size_t i = 0; i < family.size(); ++i) {
+      std::string children;
+      harness::shell("cat /proc/" + std::to_string(family[i]) + "/task/*/children 2>/dev/null",
+                     &children);
+      std::istringstream list(children);
+      for (pid_t child; list >> child;) {
+        if (harness::readFile("/proc/" + std::to_string(child) + "/comm") == name + "\n")
+          return child;
+        family.push_back(child);
+      }
+    }
+    return -1;
+  }
+  int wait() {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  pid_t pid = -1;
+  FILE* out = nullptr;
+};
+
+class SimulatedDevice {
+ public:
+  explicit SimulatedDevice(const std::string& dir, const std::string& options = "") : dir(dir) {
+    std::string output;
+    created = harness::shell("SELVANE_BIN=" + kBin + " " + kSim + " create " + dir + " " + options +
+                                 " 2>&1",
+                             &output) == 0;
+    if (!created) ADD_FAILURE() << "cannot create the simulated device: " << output;
+  }
+  ~SimulatedDevice() { harness::shell(kSim + " destroy " + dir); }
+
+  // The device's shell command for selvane-update with these arguments.
+  std::string updateCommand(const std::string& arguments) const {
+    return kSim + " run " + dir + " -- " + kUpdate + " " + arguments;
+  }
+  int update(const std::string& arguments, std::string* output = nullptr) const {
+    return harness::shell(updateCommand(arguments) + " 2>&1", output);
+  }
+  std::string install(const std::string& release, const std::string& extra = "") const {
+    return "--json install --manifest " + url(release + "/manifest") + " --keys " + dir +
+           "/keys/trusted --retries 3 " + extra;
+  }
+  int sim(const std::string& arguments, std::string* output = nullptr) const {
+    return harness::shell(kSim + " " + arguments + " 2>&1", output);
+  }
+  std::string url(const std::string& path) const {
+    return "https://localhost:" + harness::readFile(dir + "/port").substr(0, 5) + "/" + path;
+  }
+  std::string bootProperties() const {
+    std::string out;
+    sim("env " + dir, &out);
+    return out;
+  }
+  std::string digest(const std::string& file) const {
+    std::string out;
+    harness::shell("sha256sum " + quote(file) + " | cut -c1-64", &out);
+    return out;
+  }
+  // The running root and the boot environment, to compare before and after a failure.
+  std::string untouchable() const {
+    return digest(dir + "/images/main-A.img") + digest(dir + "/env/uboot-1.env") +
+           digest(dir + "/env/uboot-2.env");
+  }
+  // Bytes of packages the server sent so far.
+  uint64_t packageBytesServed() const {
+    std::ifstream log(dir + "/nginx/logs/access.log");
+    std::string uri, status;
+    uint64_t bytes, total = 0;
+    while (log >> uri >> status >> bytes)
+      if (uri.size() > 4 && uri.compare(uri.size() - 4, 4, ".ipk") == 0) total += bytes;
+    return total;
+  }
+  // Publishes a release under www/NAME: release 2.0's packages, replaced or joined by others.
+  void publish(const std::string& name, const std::vector<std::string>& packages,
+               bool keepBase = true, const std::string& urlPrefix = "") const {
+    const std::string out = dir + "/www/" + name;
+    std::string command = "mkdir -p " + out;
+    if (keepBase) command += " && cp " + dir + "/www/release-2.0/*.ipk " + out;
+    for (const std::string& package : packages) {
+      command += " && rm -f " + out + "/$(basename " + package + " | cut -d_ -f1)_*.ipk";
+      command += " && cp " + package + " " + out;
+    }
+    command += " && " + kBin + "/selvane-pack manifest --version " + name + " --base-url " +
+               url(urlPrefix + name) + " --output " + out + "/manifest " + out + "/*.ipk";
+    std::string output;
+    ASSERT_EQ(harness::shell(command + " 2>&1", &output), 0) << output;
+  }
+  std::string sign(const std::string& package, const std::string& key = "") const {
+    std::string output;
+    EXPECT_EQ(harness::shell(kBin + "/selvane-pack sign --key " +
+                                 (key.empty() ? dir + "/keys/release.pem" : key) + " " + package +
+                                 " 2>&1",
+                             &output),
+              0)
+        << output;
+    return package;
+  }
+  std::string mounts() const {
+    std::string out;
+    sim("run " + dir + " -- cat /proc/self/mountinfo", &out);
+    return out;
+  }
+
+  const std::string dir;
+  bool created = false;
+};
+
+class UpdateEndToEnd : public ::testing::Test {
+ protected:
+  void SetUp() override {
+#ifdef SELVANE_CROSS_EMULATOR
+    GTEST_SKIP() << "the simulated device runs the update client natively, not under an emulator";
+#endif
+    SELVANE_REQUIRE_ROOT();
+    if (harness::shell("command -v nginx >/dev/null && command -v fw_printenv >/dev/null") != 0)
+      FAIL() << "nginx and fw_printenv are missing: run scripts/install-deps.sh";
+  }
+
+  // A package for this device, signed with its release key unless said otherwise.
+  std::string package(const SimulatedDevice& device, fixtures::PackageSpec spec,
+                      bool sign = true) const {
+    const std::string path = fixtures::buildPackage(spec, packages.path());
+    return sign ? device.sign(path) : path;
+  }
+  fixtures::PackageSpec withRandomData(const std::string& name, const std::string& version,
+                                       size_t bytes) const {
+    fixtures::PackageSpec spec;
+    spec.name = name;
+    spec.version = version;
+    std::string data;
+    harness::shell("head -c " + std::to_string(bytes) + " /dev/urandom | base64 -w0", &data);
+    spec.files["/usr/share/" + name + "/data"] = data;
+    return spec;
+  }
+
+  harness::ScratchDir scratch;
+  harness::ScratchDir packages;
+};
+
+}  // namespace
+
+TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  const std::string runningRoot = device.digest(device.dir + "/images/main-A.img");
+  std::string out;
+  ASSERT_EQ(device.update(device.install("release-2.0"), &out), 0) << out;
+  EXPECT_NE(out.find("\"event\":\"switched\""), std::string::npos) << out;
+  EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
+  EXPECT_NE(device.bootProperties().find("boot.otaretrycount=3\n"), std::string::npos);
+  EXPECT_EQ(device.digest(device.dir + "/images/main-A.img"), runningRoot);
+  EXPECT_EQ(device.mounts().find("ota-mount"), std::string::npos) << "the other root is unmounted";
+
+  // Again: nothing to download, nothing to write.
+  const uint64_t served = device.packageBytesServed();
+  const std::string state = device.untouchable() + device.digest(device.dir + "/images/main-B.img");
+  ASSERT_EQ(device.update(device.install("release-2.0"), &out), 0) << out;
+  EXPECT_NE(out.find("\"event\":\"up-to-date\""), std::string::npos) << out;
+  EXPECT_EQ(device.packageBytesServed(), served);
+  EXPECT_EQ(device.untouchable() + device.digest(device.dir + "/images/main-B.img"), state);
+  ASSERT_EQ(device.update("check --manifest " + device.url("release-2.0/manifest"), &out), 0);
+  EXPECT_NE(out.find("0 to install, 0 to remove, 4 unchanged"), std::string::npos) << out;
+
+  // "Boot" main-B: the new release runs there, and marks itself known good.
+  ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /usr/bin/hello", &out), 0) << out;
+  EXPECT_NE(out.find("hello from release 2.0"), std::string::npos) << out;
+  EXPECT_NE(out.find("configured on"), std::string::npos) << "the postinst ran in main-B";
+  ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /run/selvane/selvane-update mark-good",
+                       &out),
+            0)
+      << out;
+  EXPECT_NE(device.bootProperties().find("boot.knowngood=main-B\n"), std::string::npos);
+}
+
+TEST_F(UpdateEndToEnd, PackagesThatFailTheirChecksChangeNothing) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  const std::string good = package(device, withRandomData("extra", "1.0", 20000));
+  const std::string otherKey = scratch / "other.pem";
+  ASSERT_EQ(harness::shell("openssl genrsa -out " + otherKey + " 2048 2>/dev/null"), 0);
+
+  struct Case {
+    const char* release;
+    std::function<void(const std::string& served)> spoil;  // applied after the manifest is made
+    std::function<void(const std::string& file)> before;   // applied before it is made
+    int exitCode;
+    const char* message;
+  } cases[] = {
+      {"tampered", nullptr,
+       [](const std::string& f) { harness::shell("printf 'X' | dd of=" + f + " bs=1 seek=300 conv=notrunc 2>/dev/null"); },
+       7, "is not signed by any key"},
+      {"digest", [](const std::string& f) { harness::shell("printf 'X' | dd of=" + f + " bs=1 seek=300 conv=notrunc 2>/dev/null"); },
+       nullptr, 6, "does not match the manifest"},
+      {"truncated", [](const std::string& f) { harness::shell("truncate -s -10 " + f); }, nullptr, 5,
+       "the manifest says"},
+      {"unknown-key", nullptr, [&](const std::string& f) { device.sign(f, otherKey); }, 7,
+       "is not signed by any key"},
+  };
+  const std::string state = device.untouchable() + device.digest(device.dir + "/images/main-B.img");
+  for (const Case& c : cases) {
+    const std::string copy = packages / (std::string(c.release) + "/extra_1.0_all.ipk");
+    harness::shell("mkdir -p " + packages / c.release + " && cp " + good + " " + copy);
+    if (c.before) c.before(copy);
+    device.publish(c.release, {copy});
+    if (c.spoil) c.spoil(device.dir + "/www/" + c.release + "/extra_1.0_all.ipk");
+    std::string out;
+    EXPECT_EQ(device.update(device.install(c.release), &out), c.exitCode) << c.release << out;
+    EXPECT_NE(out.find(c.message), std::string::npos) << c.release << out;
+    EXPECT_EQ(device.untouchable() + device.digest(device.dir + "/images/main-B.img"), state)
+        << c.release << ": nothing is written before every download checked out";
+  }
+}
+
+TEST_F(UpdateEndToEnd, AFailingSanityCheckKeepsTheBootSelection) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  fixtures::PackageSpec broken;  // a base whose check rejects the new root
+  broken.name = "base-files";
+  broken.version = "2.0-broken";
+  broken.executables["/usr/local/bin/ota-sanity-check.sh"] = "#!/bin/sh\nexit 1\n";
+  const std::string state = device.untouchable();
+  device.publish("broken", {package(device, broken)});
+  std::string out;
+  EXPECT_EQ(device.update(device.install("broken"), &out), 12) << out;
+  EXPECT_NE(out.find("ota-sanity-check.sh"), std::string::npos) << out;
+  EXPECT_EQ(device.untouchable(), state);
+  EXPECT_EQ(device.mounts().find("ota-mount"), std::string::npos);
+}
+
+TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARetryCompletesIt) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  device.publish("big", {package(device, withRandomData("big", "1.0", 3 << 20))}, true, "slow/");
+  const std::string state = device.untouchable();
+  {
+    Background update(device.updateCommand(device.install("big")));
+    ASSERT_TRUE(update.waitFor("\"event\":\"progress\""));
+    ASSERT_EQ(device.sim("stop-server " + device.dir), 0);
+    EXPECT_EQ(update.wait(), 4);
+  }
+  EXPECT_EQ(device.untouchable(), state);
+  ASSERT_EQ(device.sim("start-server " + device.dir), 0);
+  std::string out;
+  EXPECT_EQ(device.update(device.install("big"), &out), 0) << out;
+  EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
+}
+
+TEST_F(UpdateEndToEnd, AMainBTooSmallForTheReleaseFailsTheInstall) {
+  SimulatedDevice device(scratch / "device", "--main-b-size 8M");
+  ASSERT_TRUE(device.created);
+  device.publish("huge", {package(device, withRandomData("huge", "1.0", 9 << 20))});
+  const std::string state = device.untouchable();
+  std::string out;
+  EXPECT_EQ(device.update(device.install("huge"), &out), 9) << out;
+  EXPECT_NE(out.find("cannot install"), std::string::npos) << out;
+  EXPECT_EQ(device.untouchable(), state);
+}
+
+TEST_F(UpdateEndToEnd, OneUpdateAtATimeAndSigtermAbortsCleanly) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  device.publish("big", {package(device, withRandomData("big", "1.0", 2 << 20))}, true, "slow/");
+  const std::string state = device.untouchable();
+  Background first(device.updateCommand(device.install("big")));
+  ASSERT_TRUE(first.waitFor("\"event\":\"download\""));
+  std::string out;
+  EXPECT_EQ(device.update(device.install("big"), &out), 14) << out;
+  EXPECT_NE(out.find("another selvane-update is running"), std::string::npos) << out;
+
+  // SIGTERM once the first package is being installed into main-B.
+  ASSERT_TRUE(first.waitFor("\"event\":\"install\""));
+  const pid_t client = first.descendant("selvane-update");
+  ASSERT_GT(client, 0);
+  ASSERT_EQ(kill(client, SIGTERM), 0);
+  EXPECT_EQ(first.wait(), 15);
+  EXPECT_EQ(device.untouchable(), state);
+  EXPECT_EQ(device.mounts().find("ota-mount"), std::string::npos);
+  // The checked downloads stay: the retry fetches nothing.
+  const uint64_t served = device.packageBytesServed();
+  EXPECT_EQ(device.update(device.install("big"), &out), 0) << out;
+  EXPECT_EQ(device.packageBytesServed(), served);
+}
+
+TEST_F(UpdateEndToEnd, AReleaseWithOneChangedPackageDownloadsOnlyThatPackage) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  std::vector<std::string> first, second;
+  for (int i = 1; i <= 16; ++i) {
+    const std::string name = "app" + std::to_string(100 + i).substr(1);
+    first.push_back(package(device, withRandomData(name, "1.0", 32 << 10)));
+    second.push_back(i == 7 ? package(device, withRandomData(name, "2.0", 32 << 10)) : first.back());
+  }
+  device.publish("twenty-1", first);
+  device.publish("twenty-2", second);
+  std::string out;
+  ASSERT_EQ(device.update(device.install("twenty-1"), &out), 0) << out;
+  const uint64_t before = device.packageBytesServed();
+  ASSERT_EQ(device.update(device.install("twenty-2"), &out), 0) << out;
+  const uint64_t changed = harness::readFile(second[6]).size();
+  const uint64_t downloaded = device.packageBytesServed() - before;
+  std::printf("one of 20 packages changed: %llu bytes downloaded for a %llu-byte package (%.3fx)\n",
+              static_cast<unsigned long long>(downloaded), static_cast<unsigned long long>(changed),
+              static_cast<double>(downloaded) / static_cast<double>(changed));
+  EXPECT_LE(static_cast<double>(downloaded), 1.05 * static_cast<double>(changed));
+  EXPECT_NE(out.find("\"install\":[\"app07 2.0\"]"), std::string::npos) << out;
+}
