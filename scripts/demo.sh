@@ -1,26 +1,43 @@
 #!/bin/bash
-# The main job: builds selvane and shows it at work on this machine.
-# It runs a command under a time limit as the package manager runs opkg, then checks files against
-# a sha256sum list as installed packages are verified.
+# The main job: builds selvane, makes a simulated A/B device, and takes it through one update.
+#
+# The device runs release 1.0 from main-A. selvane-update installs release 2.0, fetched over HTTPS,
+# into main-B and switches the boot properties to main-B. Then main-B is "booted" (chroot), shows
+# that the new release runs, and marks itself known good. The device is removed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build >/dev/null
-cmake --build build -j"$(nproc)" --target selvane-demo >/dev/null
+cmake --build build -j"$(nproc)" --target selvane-update selvane-pack >/dev/null
 
+sim=tools/selvane-sim/selvane-sim
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/root/etc"
-echo "selvane demo" >"$work/root/etc/motd"
-(cd "$work/root" && sha256sum etc/motd >"$work/motd.sha256sums")
+device=$work/device
+trap '"$sim" destroy "$device"; rm -rf "$work"' EXIT
+step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 
-demo=build/tools/selvane-demo
-echo "== a command that finishes in time, then a check of the files it left"
-"$demo" --timeout 5 --sums "$work/motd.sha256sums" --root "$work/root" -- /bin/sh -c 'echo hello from the child'
-echo
-echo "== a command that outlives its time limit of 2 s"
-"$demo" --timeout 2 -- /bin/sleep 30 || true
-echo
-echo "== the same check after a file was changed"
-echo "tampered" >>"$work/root/etc/motd"
-"$demo" --sums "$work/motd.sha256sums" --root "$work/root" -- /bin/true || true
+step "Creating the simulated device"
+"$sim" create "$device"
+manifest=https://localhost:$(cat "$device/port")/release-2.0/manifest
+
+step "Boot properties before the update"
+"$sim" env "$device"
+step "What the update would do (selvane-update check)"
+"$sim" run "$device" -- build/bin/selvane-update check --manifest "$manifest"
+
+step "Installing release 2.0 into main-B (selvane-update install)"
+"$sim" run "$device" -- build/bin/selvane-update install --manifest "$manifest" \
+  --keys "$device/keys/trusted" --retries 3
+
+step "Boot properties after the update"
+"$sim" env "$device"
+
+step "Booting main-B (chroot) and running the new release"
+"$sim" boot "$device" main-B -- /usr/bin/hello
+"$sim" boot "$device" main-B -- /run/selvane/selvane-update mark-good
+"$sim" boot "$device" main-B -- /run/selvane/selvane-update status
+
+step "Summary"
+props=$("$sim" env "$device")
+echo "main-B runs release 2.0; $(grep '^boot.bootmode=' <<<"$props"), $(grep '^boot.knowngood=' <<<"$props")"
+echo "main-A still holds release 1.0, untouched, as the fallback."
