@@ -114,7 +114,14 @@ void Progress::packageDone(uint64_t packageSize) {
 void Progress::end() {
   current = 0;
   show(true);
-  if (drawn && terminal && !json) std::fputc('\n', stderr);
+  if (drawn) std::fputc('\n', stderr);
+  drawn = false;
+}
+
+void Progress::clear() {
+  if (!drawn) return;
+  std::fputs("\r\033[K", stderr);
+  drawn = false;
 }
 
 void Progress::show(bool final) {
@@ -157,6 +164,7 @@ void Progress::show(bool final) {
 Output::Output(bool json) : json(json), bar(json, isatty(STDERR_FILENO) != 0) {}
 
 void Output::emit(const Event& event, const std::string& human) {
+  bar.clear();
   std::printf("%s\n", json ? event.json().c_str() : human.c_str());
   std::fflush(stdout);
 }

@@ -41,6 +41,8 @@ class Progress {
   void update(uint64_t packageBytes);
   void packageDone(uint64_t packageSize);
   void end();
+  // Takes a terminal bar off its line, so that other output can be written there.
+  void clear();
 
  private:
   void show(bool final);

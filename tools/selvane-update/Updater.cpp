@@ -220,8 +220,8 @@ void Updater::install() {
                  release.getVersion() + " and is selected for the next boot: nothing to do");
     return;
   }
-  out.emit(planEvent(plan, downloads.bytesToFetch(plan.install)),
-           describePlan(plan, downloads.bytesToFetch(plan.install)));
+  const uint64_t fetchBytes = downloads.bytesToFetch(plan.install);
+  out.emit(planEvent(plan, fetchBytes), describePlan(plan, fetchBytes));
 
   // Everything is fetched and checked before the other root is written.
   const std::vector<std::string> files = downloads.fetch(plan.install);
@@ -296,7 +296,7 @@ void Updater::check() {
 void Updater::status() {
   InstanceLock lock(options.lockFile);
   const boost::shared_ptr<selvane::Device> device = systemDevice();
-  const selvane::Device::RootfsLabel current = device->getCurrentRootfs();
+  const std::string current = selvane::labelToText(device->getCurrentRootfs());
   const selvane::Device::RootfsLabel other = device->getOtherRootfs();
   std::map<std::string, std::string> otherPackages;
   std::string otherRelease;
@@ -307,22 +307,23 @@ void Updater::status() {
     otherPackages = packages.getInstalledPackages();
     otherRelease = readRelease(root.path());
   }
+  const std::string currentRelease = readRelease("");
   Event event("status");
-  event.add("current", selvane::labelToText(current))
+  event.add("current", current)
       .add("other", selvane::labelToText(other))
-      .add(kBootMode, property(kBootMode))
-      .add(kRetryCount, property(kRetryCount))
-      .add(kKnownGood, property(kKnownGood))
-      .add("current_release", readRelease(""))
+      .add("current_release", currentRelease)
       .add("other_release", otherRelease);
-  std::vector<std::string> listed;
-  std::string text = std::string("running        ") + selvane::labelToText(current) + ", release " +
-                     (readRelease("").empty() ? "unknown" : readRelease("")) + "\nother          " +
+  std::string text = "running  " + current + ", release " +
+                     (currentRelease.empty() ? "unknown" : currentRelease) + "\nother    " +
                      selvane::labelToText(other) + ", release " +
-                     (otherRelease.empty() ? "none" : otherRelease) + "\n" + kBootMode +
-                     "  " + property(kBootMode) + "\n" + kRetryCount + " " + property(kRetryCount) +
-                     "\n" + kKnownGood + " " + property(kKnownGood) + "\npackages in " +
-                     selvane::labelToText(other) + ":";
+                     (otherRelease.empty() ? "none" : otherRelease);
+  for (const char* key : {kBootMode, kRetryCount, kKnownGood}) {
+    const std::string value = property(key);
+    event.add(key, value);
+    text += "\n" + std::string(key) + "=" + value;
+  }
+  std::vector<std::string> listed;
+  text += "\npackages in " + std::string(selvane::labelToText(other)) + ":";
   for (const auto& [name, version] : otherPackages) {
     listed.push_back(name + " " + version);
     text += "\n  " + name + " " + version;
