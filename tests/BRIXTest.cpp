@@ -143,9 +143,8 @@ TEST_F(BrixStoreTest, FailuresHaveDistinctStatuses) {
       {"empty key", [] {}, "", nullptr, 32, BRIX_ERR_KEY},
       {"key with =", [] {}, "boot=mode", "x", 0, BRIX_ERR_KEY},
       {"value of 33 bytes", [] {}, "k", "123456789012345678901234567890123", 0, BRIX_ERR_TOO_LONG},
-      {"value longer than the buffer",
-       [&] { ASSERT_EQ(env->setenv("long", "0123456789"), 0); }, "long", nullptr, 9,
-       BRIX_ERR_TOO_LONG},
+      {"value longer than the buffer", [&] { ASSERT_EQ(env->setenv("long", "0123456789"), 0); },
+       "long", nullptr, 9, BRIX_ERR_TOO_LONG},
       {"buffer size 0", [] {}, "k", nullptr, 0, BRIX_ERR_ARGUMENT},
       {"no configuration file",
        [&] { brix_set_config((scratch / "missing.config").c_str(), nullptr); }, "k", "v", 0,
@@ -216,9 +215,15 @@ TEST_F(BrixStoreTest, BRIXReturnsAtMost32BytesAndCutsAtTheFirstHighByte) {
   EXPECT_TRUE(BRIX::setProperty("full", full));
   EXPECT_EQ(BRIX::getProperty("full"), full);
 
-  ASSERT_EQ(env->setenv("accented", "ab\xc3" "cd"), 0);
+  ASSERT_EQ(env->setenv("accented",
+                        "ab\xc3"
+                        "cd"),
+            0);
   EXPECT_EQ(BRIX::getProperty("accented"), "ab");
-  ASSERT_EQ(env->setenv("high", "\xff" "x"), 0);
+  ASSERT_EQ(env->setenv("high",
+                        "\xff"
+                        "x"),
+            0);
   EXPECT_EQ(BRIX::getProperty("high"), "");
 }
 

@@ -137,8 +137,8 @@ TEST(BootPropertyPowerLoss, AWriteCutOffAtAnySectorLeavesTheOldOrTheNewValue) {
     const std::string before = harness::readFile(storage);
     ASSERT_EQ(brix_set_property("boot.bootmode", newValue.c_str()), BRIX_OK);
     const std::string after = harness::readFile(storage);
-    const size_t copy = before.compare(0, BootEnvironment::kCopySize, after, 0,
-                                       BootEnvironment::kCopySize) == 0;
+    const size_t copy =
+        before.compare(0, BootEnvironment::kCopySize, after, 0, BootEnvironment::kCopySize) == 0;
     for (bool backwards : {false, true}) {
       for (size_t sectors = 0; sectors <= BootEnvironment::kCopySize / 512; ++sectors) {
         SCOPED_TRACE(newValue + (backwards ? " backwards, " : " forwards, ") +

@@ -66,7 +66,8 @@ std::string inChild(const std::string& root, const std::function<std::string()>&
   std::string out;
   char buffer[512];
   ssize_t n;
-  while ((n = read(pipefd[0], buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<size_t>(n));
+  while ((n = read(pipefd[0], buffer, sizeof buffer)) > 0)
+    out.append(buffer, static_cast<size_t>(n));
   close(pipefd[0]);
   waitpid(pid, nullptr, 0);
   return out;
@@ -98,8 +99,9 @@ TEST(Device, DeviceIDsNameTheFilesystemOrTheNodeItself) {
   } catch (const std::runtime_error& e) {
     EXPECT_STREQ(e.what(), "Failed to stat /nonexistent/selvane");
   }
-  EXPECT_EQ(log.texts(), std::vector<std::string>{
-                             "E DeviceCommon:getDeviceID:errno=2:Failed to stat /nonexistent/selvane"});
+  EXPECT_EQ(log.texts(),
+            std::vector<std::string>{
+                "E DeviceCommon:getDeviceID:errno=2:Failed to stat /nonexistent/selvane"});
 }
 
 // ---- board detection ------------------------------------------------------------------------
@@ -192,9 +194,9 @@ TEST_F(MMCDeviceTest, FindsTheRunningRootFilesystem) {
     if (*c.runningFrom != '\0') {
       root = scratch / c.runningFrom;
       ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
-      ASSERT_EQ(mount(LabelledPartitions::link(c.runningFrom).c_str(), root.c_str(), "ext3", 0,
-                      nullptr),
-                0);
+      ASSERT_EQ(
+          mount(LabelledPartitions::link(c.runningFrom).c_str(), root.c_str(), "ext3", 0, nullptr),
+          0);
       ASSERT_EQ(mkdir((root + "/dev").c_str(), 0755), 0);
       ASSERT_EQ(mount("/dev", (root + "/dev").c_str(), nullptr, MS_BIND, nullptr), 0);
     }
@@ -202,8 +204,8 @@ TEST_F(MMCDeviceTest, FindsTheRunningRootFilesystem) {
       MMCDevice device;
       harness::LogCapture childLog;
       const Device::RootfsLabel current = device.getCurrentRootfs();
-      const size_t warnings = childLog.count(
-          "W MMCDevice:getCurrentRootfs::Could not detect rootfs, assuming main-A");
+      const size_t warnings =
+          childLog.count("W MMCDevice:getCurrentRootfs::Could not detect rootfs, assuming main-A");
       return std::string(current == Device::A ? "A " : "B ") +
              (device.getOtherRootfs() == Device::A ? "A " : "B ") + otherPartitionPath(device) +
              " " + std::to_string(warnings);
@@ -254,8 +256,8 @@ TEST_F(MMCDeviceTest, BootPropertiesReachTheBootLoader) {
   device.setKnownGood(Device::B);
   EXPECT_EQ(env.printenv("boot.knowngood"), "main-B");
   EXPECT_EQ(selvane::BRIX::getProperty("boot.knowngood"), "main-B");
-  EXPECT_EQ(log.texts(),
-            std::vector<std::string>{"I DeviceCommon:setKnownGood:rootfs=main-B:Setting known good"});
+  EXPECT_EQ(log.texts(), std::vector<std::string>{
+                             "I DeviceCommon:setKnownGood:rootfs=main-B:Setting known good"});
   EXPECT_EQ(log.lines()[0].priority, 5);
 }
 
@@ -288,8 +290,11 @@ TEST_F(MMCDeviceTest, EvictDataAndHaltZeroesEveryPartitionThenHalts) {
   struct Part {
     const char* label;
     uint64_t bytes;
-  } const parts[] = {{"boot", kSmall},       {"brix", 32 << 10}, {"main-A", kSmall + 512},
-                     {"main-B", 9 * 512},    {"data", 0}};  // no "mfg" link
+  } const parts[] = {{"boot", kSmall},
+                     {"brix", 32 << 10},
+                     {"main-A", kSmall + 512},
+                     {"main-B", 9 * 512},
+                     {"data", 0}};  // no "mfg" link
   for (const Part& p : parts) disks->add(p.label, p.bytes);
   MMCDevice device;
   log.clear();
@@ -303,9 +308,9 @@ TEST_F(MMCDeviceTest, EvictDataAndHaltZeroesEveryPartitionThenHalts) {
     EXPECT_EQ(bytes.size(), p.bytes);
     EXPECT_TRUE(allZero(bytes));
   }
-  EXPECT_EQ(log.texts(), std::vector<std::string>{
-                             "E DeviceCommon:realpath:partition=/dev/disk/by-partlabel/mfg,"
-                             "errno=2:Skipping wipe of partition due to error"});
+  EXPECT_EQ(log.texts(),
+            std::vector<std::string>{"E DeviceCommon:realpath:partition=/dev/disk/by-partlabel/mfg,"
+                                     "errno=2:Skipping wipe of partition due to error"});
   const std::vector<int> requests = harness::rebootRequests();
   ASSERT_EQ(requests.size(), halts + 1);
   EXPECT_EQ(requests.back(), static_cast<int>(RB_HALT_SYSTEM));

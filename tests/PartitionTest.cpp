@@ -36,7 +36,9 @@ class ScriptedPartition : public Partition {
   bool do_mount(const std::string& mountpoint, unsigned long flags) override {
     return record("mount " + mountpoint + " " + std::to_string(flags));
   }
-  bool do_unmount(const std::string& mountpoint) override { return record("unmount " + mountpoint); }
+  bool do_unmount(const std::string& mountpoint) override {
+    return record("unmount " + mountpoint);
+  }
   bool do_erase() override { return record("erase"); }
   bool do_fsck() override { return record("fsck"); }
 
@@ -60,38 +62,116 @@ struct TemplateCase {
 };
 
 const TemplateCase kTemplateCases[] = {
-    {"mount rw", "", [](Partition& p) { p.mount("/m", false); }, {}, {"mount /m 0", "mount /m 32"},
-     "", "/m", false},
-    {"mount ro", "", [](Partition& p) { p.mount("/m", true); }, {}, {"mount /m 1", "mount /m 33"},
-     "", "/m", true},
-    {"mount elsewhere", "ro", [](Partition& p) { p.mount("/n", false); }, {},
-     {"unmount /m", "mount /n 0", "mount /n 32"}, "", "/n", false},
-    {"failed remount in mount", "", [](Partition& p) { p.mount("/m", true); }, {"mount /m 33"},
-     {"mount /m 1", "mount /m 33"}, "Failed to mount partition", "", false},
-    {"failed first mount", "", [](Partition& p) { p.mount("/m", false); }, {"mount /m 0"},
-     {"mount /m 0"}, "Failed to mount partition", "", false},
-    {"failed unmount before mount", "rw", [](Partition& p) { p.mount("/n", false); },
-     {"unmount /m"}, {"unmount /m"}, "Failed to unmount", "/m", false},
+    {"mount rw",
+     "",
+     [](Partition& p) { p.mount("/m", false); },
+     {},
+     {"mount /m 0", "mount /m 32"},
+     "",
+     "/m",
+     false},
+    {"mount ro",
+     "",
+     [](Partition& p) { p.mount("/m", true); },
+     {},
+     {"mount /m 1", "mount /m 33"},
+     "",
+     "/m",
+     true},
+    {"mount elsewhere",
+     "ro",
+     [](Partition& p) { p.mount("/n", false); },
+     {},
+     {"unmount /m", "mount /n 0", "mount /n 32"},
+     "",
+     "/n",
+     false},
+    {"failed remount in mount",
+     "",
+     [](Partition& p) { p.mount("/m", true); },
+     {"mount /m 33"},
+     {"mount /m 1", "mount /m 33"},
+     "Failed to mount partition",
+     "",
+     false},
+    {"failed first mount",
+     "",
+     [](Partition& p) { p.mount("/m", false); },
+     {"mount /m 0"},
+     {"mount /m 0"},
+     "Failed to mount partition",
+     "",
+     false},
+    {"failed unmount before mount",
+     "rw",
+     [](Partition& p) { p.mount("/n", false); },
+     {"unmount /m"},
+     {"unmount /m"},
+     "Failed to unmount",
+     "/m",
+     false},
     {"unmount", "ro", [](Partition& p) { p.unmount(); }, {}, {"unmount /m"}, "", "", true},
     {"unmount unmounted", "", [](Partition& p) { p.unmount(); }, {}, {}, "", "", false},
-    {"remount rw", "ro", [](Partition& p) { p.remount_rw(); }, {}, {"mount /m 32"}, "", "/m",
+    {"remount rw",
+     "ro",
+     [](Partition& p) { p.remount_rw(); },
+     {},
+     {"mount /m 32"},
+     "",
+     "/m",
      false},
     {"remount rw of rw", "rw", [](Partition& p) { p.remount_rw(); }, {}, {}, "", "/m", false},
-    {"failed remount rw", "ro", [](Partition& p) { p.remount_rw(); }, {"mount /m 32"},
-     {"mount /m 32"}, "Failed to remount partition RW", "/m", true},
+    {"failed remount rw",
+     "ro",
+     [](Partition& p) { p.remount_rw(); },
+     {"mount /m 32"},
+     {"mount /m 32"},
+     "Failed to remount partition RW",
+     "/m",
+     true},
     {"remount ro", "rw", [](Partition& p) { p.remount_ro(); }, {}, {"mount /m 33"}, "", "/m", true},
     {"remount ro of unmounted", "", [](Partition& p) { p.remount_ro(); }, {}, {}, "", "", false},
-    {"failed remount ro", "rw", [](Partition& p) { p.remount_ro(); }, {"mount /m 33"},
-     {"mount /m 33"}, "Failed to remount partition RO", "/m", false},
-    {"erase mounted", "ro", [](Partition& p) { p.erase(); }, {},
-     {"unmount /m", "erase", "mount /m 1", "mount /m 33"}, "", "/m", true},
+    {"failed remount ro",
+     "rw",
+     [](Partition& p) { p.remount_ro(); },
+     {"mount /m 33"},
+     {"mount /m 33"},
+     "Failed to remount partition RO",
+     "/m",
+     false},
+    {"erase mounted",
+     "ro",
+     [](Partition& p) { p.erase(); },
+     {},
+     {"unmount /m", "erase", "mount /m 1", "mount /m 33"},
+     "",
+     "/m",
+     true},
     {"erase unmounted", "", [](Partition& p) { p.erase(); }, {}, {"erase"}, "", "", false},
-    {"failed erase", "rw", [](Partition& p) { p.erase(); }, {"erase"}, {"unmount /m", "erase"},
-     "Failed to erase", "", false},
-    {"check mounted", "rw", [](Partition& p) { EXPECT_TRUE(p.checkAndRepair()); }, {},
-     {"unmount /m", "fsck", "mount /m 0", "mount /m 32"}, "", "/m", false},
-    {"failed check", "ro", [](Partition& p) { EXPECT_FALSE(p.checkAndRepair()); }, {"fsck"},
-     {"unmount /m", "fsck"}, "", "", true},
+    {"failed erase",
+     "rw",
+     [](Partition& p) { p.erase(); },
+     {"erase"},
+     {"unmount /m", "erase"},
+     "Failed to erase",
+     "",
+     false},
+    {"check mounted",
+     "rw",
+     [](Partition& p) { EXPECT_TRUE(p.checkAndRepair()); },
+     {},
+     {"unmount /m", "fsck", "mount /m 0", "mount /m 32"},
+     "",
+     "/m",
+     false},
+    {"failed check",
+     "ro",
+     [](Partition& p) { EXPECT_FALSE(p.checkAndRepair()); },
+     {"fsck"},
+     {"unmount /m", "fsck"},
+     "",
+     "",
+     true},
 };
 
 TEST(Partition, TemplateMethodsCallThePrimitivesInOrder) {
@@ -122,8 +202,8 @@ const char kLink[] = "/dev/disk/by-partlabel/main-B";
 std::string mountedMode(const std::string& device, const std::string& path) {
   struct stat st;
   if (stat(device.c_str(), &st) != 0) return "?";
-  const std::string numbers = std::to_string(major(st.st_rdev)) + ":" +
-                              std::to_string(minor(st.st_rdev));
+  const std::string numbers =
+      std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
   std::ifstream in("/proc/self/mountinfo");
   std::string line;
   while (std::getline(in, line)) {
@@ -235,8 +315,8 @@ TEST_F(MMCPartitionTest, EraseLeavesAnEmptyFilesystemWhereItWas) {
     log.clear();
 
     partition.erase();
-    EXPECT_TRUE(log.contains("I MMCPartition:do_erase:device=" + std::string(kLink) +
-                             ":Partition erased"));
+    EXPECT_TRUE(
+        log.contains("I MMCPartition:do_erase:device=" + std::string(kLink) + ":Partition erased"));
     EXPECT_EQ(partition.getMountPoint(), point);
     EXPECT_EQ(mountedMode(device, point), readOnly ? "ro" : "rw");
     EXPECT_NE(access((point + "/old-file").c_str(), F_OK), 0);
@@ -286,7 +366,8 @@ TEST_F(MMCPartitionTest, MountFailsOnADeviceWithoutExt3) {
   EXPECT_EQ(partition.getMountPoint(), "");
   EXPECT_EQ(log.startingWith("E MMCPartition:mount:"),
             std::vector<std::string>{"E MMCPartition:mount:dev=/dev/disk/by-partlabel/main-A,"
-                                     "location=" + point + ",errno=22:Failed to mount device"});
+                                     "location=" +
+                                     point + ",errno=22:Failed to mount device"});
   EXPECT_TRUE(log.contains("I MMCPartition:do_mount:status=-1,mount_flags=0:mount status"));
 }
 

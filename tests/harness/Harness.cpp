@@ -73,7 +73,8 @@ void recordReboot(int cmd) {
 void recordSyslog(int priority, const char* format, va_list args) {
   char buffer[8192];
   std::vsnprintf(buffer, sizeof buffer, format, args);
-  if (getenv("SELVANE_TEST_SYSLOG") != nullptr) std::fprintf(stderr, "syslog<%d> %s\n", priority, buffer);
+  if (getenv("SELVANE_TEST_SYSLOG") != nullptr)
+    std::fprintf(stderr, "syslog<%d> %s\n", priority, buffer);
   std::lock_guard<std::mutex> lock(g_mutex);
   g_syslog.push_back({priority, buffer});
 }
@@ -252,23 +253,24 @@ void makeHostPathWritable(const std::string& dir) {
     if (mount(point.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
       fail("bind " + point);
   }
-  if (mount(merged.c_str(), dir.c_str(), nullptr, MS_MOVE, nullptr) != 0) fail("move overlay to " + dir);
+  if (mount(merged.c_str(), dir.c_str(), nullptr, MS_MOVE, nullptr) != 0)
+    fail("move overlay to " + dir);
 }
 
 // ---- busybox root ---------------------------------------------------------------------------
 
 void makeBusyboxRoot(const std::string& root) {
-  static const char* const kDirs[] = {"bin", "sbin", "usr", "usr/bin", "usr/sbin", "usr/local",
-                                      "usr/local/bin", "proc", "sys", "dev", "tmp", "etc", "var",
-                                      "var/lib", "var/lib/opkg"};
+  static const char* const kDirs[] = {
+      "bin", "sbin", "usr", "usr/bin", "usr/sbin", "usr/local", "usr/local/bin", "proc",
+      "sys", "dev",  "tmp", "etc",     "var",      "var/lib",   "var/lib/opkg"};
   // Never reboot, halt or poweroff: a script calling them as root would reach the machine.
   static const char* const kApplets[] = {
-      "sh",    "ash",   "echo",  "cat",      "env",   "ls",    "mkdir",  "rm",    "rmdir",
-      "cp",    "mv",    "test",  "[",        "[[",    "sha256sum", "sed", "grep", "awk",
-      "sleep", "true",  "false", "id",       "pwd",   "printf", "touch", "ln",    "readlink",
-      "head",  "tail",  "wc",    "tr",       "cut",   "sort",  "uname",  "chmod", "find",
-      "xargs", "stat",  "mktemp", "basename", "dirname", "tar", "gzip",  "gunzip", "zcat",
-      "ar",    "expr",  "date",  "kill",     "uniq",  "diff",  "od",     "dd",    "sync"};
+      "sh",    "ash",  "echo",   "cat",      "env",     "ls",        "mkdir", "rm",     "rmdir",
+      "cp",    "mv",   "test",   "[",        "[[",      "sha256sum", "sed",   "grep",   "awk",
+      "sleep", "true", "false",  "id",       "pwd",     "printf",    "touch", "ln",     "readlink",
+      "head",  "tail", "wc",     "tr",       "cut",     "sort",      "uname", "chmod",  "find",
+      "xargs", "stat", "mktemp", "basename", "dirname", "tar",       "gzip",  "gunzip", "zcat",
+      "ar",    "expr", "date",   "kill",     "uniq",    "diff",      "od",    "dd",     "sync"};
   if (mkdir(root.c_str(), 0755) != 0 && errno != EEXIST) fail("mkdir " + root);
   for (const char* d : kDirs) {
     const std::string path = root + "/" + d;
