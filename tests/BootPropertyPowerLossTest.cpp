@@ -8,12 +8,12 @@
 #include <selvane/MMCDevice.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <random>
 #include <string>
+#include <thread>
 
 #include "BootEnvironment.h"
 #include "Harness.h"
@@ -38,8 +38,7 @@ bool setBootRootfsInChild(Device& device, Device::RootfsLabel label, unsigned re
     _exit(0);
   }
   if (delay.count() >= 0) {
-    const timespec pause{0, static_cast<long>(delay.count())};
-    nanosleep(&pause, nullptr);
+    std::this_thread::sleep_for(delay);
     kill(pid, SIGKILL);
   }
   int status = 0;
