@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "BootEnvironment.h"
+#include "ErrorText.h"
 #include "Harness.h"
 
 namespace {
@@ -229,12 +230,8 @@ TEST_F(BrixStoreTest, BRIXReturnsAtMost32BytesAndCutsAtTheFirstHighByte) {
 
 TEST_F(BrixStoreTest, BRIXReportsARejectedKey) {
   harness::LogCapture log;
-  try {
-    BRIX::getProperty("boot.nothing");
-    FAIL() << "read an unset property";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Failed to read brix property for key: boot.nothing");
-  }
+  EXPECT_EQ(fixtures::errorText([&] { BRIX::getProperty("boot.nothing"); }),
+            "Failed to read brix property for key: boot.nothing");
   EXPECT_EQ(log.texts(), std::vector<std::string>{"E selvane:getBRIX:key=boot.nothing,status=5:"
                                                   "Failed to get brix property"});
   EXPECT_EQ(log.lines()[0].priority, 3);

@@ -23,6 +23,7 @@
 #include <stdexcept>
 
 #include "BootEnvironment.h"
+#include "ErrorText.h"
 #include "Harness.h"
 #include "LabelledPartitions.h"
 
@@ -93,12 +94,8 @@ TEST(Device, DeviceIDsNameTheFilesystemOrTheNodeItself) {
   EXPECT_EQ(selvane::getDeviceID("/dev/null"), st.st_dev);  // a character node: its filesystem
 
   harness::LogCapture log;
-  try {
-    selvane::getDeviceID("/nonexistent/selvane");
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Failed to stat /nonexistent/selvane");
-  }
+  EXPECT_EQ(fixtures::errorText([&] { selvane::getDeviceID("/nonexistent/selvane"); }),
+            "Failed to stat /nonexistent/selvane");
   EXPECT_EQ(log.texts(),
             std::vector<std::string>{
                 "E DeviceCommon:getDeviceID:errno=2:Failed to stat /nonexistent/selvane"});
@@ -165,12 +162,8 @@ TEST_F(MMCDeviceTest, SystemDeviceIsTheEMMCDeviceOnAnEMMCBoard) {
 
   setenv("MARVIX_BOARD_FLASH", "none", 1);
   log.clear();
-  try {
-    Device::createSystemDevice();
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Failed to detect flash type");
-  }
+  EXPECT_EQ(fixtures::errorText([&] { Device::createSystemDevice(); }),
+            "Failed to detect flash type");
   EXPECT_EQ(log.texts(),
             std::vector<std::string>{"E Device:createSystemDevice::Failed to detect flash type"});
 }
@@ -220,12 +213,8 @@ TEST_F(MMCDeviceTest, FindsTheRunningRootFilesystem) {
 
 TEST_F(MMCDeviceTest, AMissingRootfsLinkFailsConstruction) {
   disks->add("main-B", kSmall);
-  try {
-    MMCDevice device;
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Failed to stat /dev/disk/by-partlabel/main-A");
-  }
+  EXPECT_EQ(fixtures::errorText([&] { MMCDevice device; }),
+            "Failed to stat /dev/disk/by-partlabel/main-A");
   EXPECT_TRUE(log.contains(
       "E DeviceCommon:getDeviceID:errno=2:Failed to stat /dev/disk/by-partlabel/main-A"));
 }
