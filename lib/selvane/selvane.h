@@ -2,11 +2,17 @@
 #ifndef SELVANE_SELVANE_H
 #define SELVANE_SELVANE_H
 
+#include <selvane/BRIX.h>
 #include <selvane/BindMount.h>
 #include <selvane/ChildTask.h>
 #include <selvane/ChrootExecutor.h>
+#include <selvane/Device.h>
+#include <selvane/DeviceCommon.h>
 #include <selvane/Executor.h>
 #include <selvane/FileUtils.h>
+#include <selvane/MMCDevice.h>
+#include <selvane/MMCPartition.h>
+#include <selvane/Partition.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
 #include <selvane/TemporaryFile.h>

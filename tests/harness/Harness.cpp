@@ -187,7 +187,7 @@ std::string readFile(const std::string& path) {
 
 // ---- loop devices ---------------------------------------------------------------------------
 
-LoopDevice::LoopDevice(const std::string& backingFile) : fd(-1) {
+LoopDevice::LoopDevice(const std::string& backingFile, bool readOnly) : fd(-1) {
   const int backing = open(backingFile.c_str(), O_RDWR | O_CLOEXEC);
   if (backing < 0) fail("open " + backingFile);
   const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
@@ -204,7 +204,7 @@ LoopDevice::LoopDevice(const std::string& backingFile) : fd(-1) {
     if (candidate < 0) continue;
     loop_config config{};
     config.fd = static_cast<__u32>(backing);
-    config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+    config.info.lo_flags = LO_FLAGS_AUTOCLEAR | (readOnly ? LO_FLAGS_READ_ONLY : 0);
     std::strncpy(reinterpret_cast<char*>(config.info.lo_file_name), backingFile.c_str(),
                  LO_NAME_SIZE - 1);
     if (ioctl(candidate, LOOP_CONFIGURE, &config) == 0) {

@@ -86,9 +86,10 @@ std::string readFile(const std::string& path);
 
 // A loop device over a file the test made. It is set to clear itself automatically, so it is
 // detached when this object goes, or when the process dies, once nothing has it mounted.
+// A read-only device opens for writing but refuses every write (EPERM).
 class LoopDevice {
  public:
-  explicit LoopDevice(const std::string& backingFile);
+  explicit LoopDevice(const std::string& backingFile, bool readOnly = false);
   ~LoopDevice();
   LoopDevice(const LoopDevice&) = delete;
   LoopDevice& operator=(const LoopDevice&) = delete;
