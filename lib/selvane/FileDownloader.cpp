@@ -189,7 +189,9 @@ FileDownloaderError FileDownloader::download(const std::string& url, int fd) {
     close(copy);
     return Error(Error::GeneralError, "Unable to open the fd", url);
   }
-  // As above, a thrown error leaves the stream open.
+  // Unbuffered, so that what libcurl delivered is in the file even when the transfer then ends
+  // by a thrown error, which (as above) leaves the stream open.
+  setvbuf(stream, nullptr, _IONBF, 0);
   const FileDownloaderError result =
       download(url, reinterpret_cast<WriteCallback>(&std::fwrite), stream);
   fclose(stream);
