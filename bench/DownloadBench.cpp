@@ -93,9 +93,10 @@ int main(int argc, char** argv) {
     std::printf("download(url, path)                 : %8.3f s  %8.1f MiB/s\n", ours, mib / ours);
     std::printf("download(url, path), 100 KiB buffer : %8.3f s  %8.1f MiB/s\n", oursLarge,
                 mib / oursLarge);
-    std::printf("curl -o                             : %8.3f s  %8.1f MiB/s\n", theirs, mib / theirs);
-    std::printf("throughput ratio download / curl    : %8.3f (100 KiB buffer: %.3f)\n", theirs / ours,
-                theirs / oursLarge);
+    std::printf("curl -o                             : %8.3f s  %8.1f MiB/s\n", theirs,
+                mib / theirs);
+    std::printf("throughput ratio download / curl    : %8.3f (100 KiB buffer: %.3f)\n",
+                theirs / ours, theirs / oursLarge);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 1;

@@ -55,7 +55,8 @@ TEST(FileDownloaderError, EveryErrorIsLoggedOnceWhenMadeAndNeverWhenCopied) {
   assigned = notFound;
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(log.lines()[0].priority, 3);
-  EXPECT_EQ(log.lines()[0].text, "E selvane:FileDownloader:reason=error,url=http://h/missing:HTTP (404)");
+  EXPECT_EQ(log.lines()[0].text,
+            "E selvane:FileDownloader:reason=error,url=http://h/missing:HTTP (404)");
   EXPECT_EQ(copy.errorString(), "HTTP (404)");
 
   // Logging it again is the caller's choice and makes a second line.
@@ -68,12 +69,15 @@ TEST(FileDownloaderError, EveryErrorIsLoggedOnceWhenMadeAndNeverWhenCopied) {
 TEST(FileDownloaderError, NothingIsLoggedWhileTheErrorBitIsOff) {
   harness::LogCapture log;
   g_marvix_log_mask = MARVIX_LOG_WARNING | MARVIX_LOG_INFO | MARVIX_LOG_DEBUG;
-  const FileDownloaderError error(FileDownloaderError::FileError, "Could not open destination file", "u");
+  const FileDownloaderError error(FileDownloaderError::FileError, "Could not open destination file",
+                                  "u");
   EXPECT_TRUE(log.lines().empty());
   g_marvix_log_mask = MARVIX_LOG_ERROR;
   error.logError();
-  EXPECT_EQ(log.texts(), std::vector<std::string>{
-                             "E selvane:FileDownloader:reason=error,url=u:file (Could not open destination file)"});
+  EXPECT_EQ(
+      log.texts(),
+      std::vector<std::string>{
+          "E selvane:FileDownloader:reason=error,url=u:file (Could not open destination file)"});
 }
 
 }  // namespace

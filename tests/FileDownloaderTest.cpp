@@ -70,7 +70,8 @@ TEST_F(FileDownloaderTest, PathDownloadTruncatesTheFileAndWritesTheBody) {
   EXPECT_EQ(harness::openDescriptorCount(), descriptors);
 
   const mode_t saved = umask(022);
-  ASSERT_EQ(downloader.download(server.url("/ok/10"), dir / "new").code, FileDownloaderError::NoError);
+  ASSERT_EQ(downloader.download(server.url("/ok/10"), dir / "new").code,
+            FileDownloaderError::NoError);
   umask(saved);
   struct stat st;
   ASSERT_EQ(stat((dir / "new").c_str(), &st), 0);
@@ -101,14 +102,14 @@ TEST_F(FileDownloaderTest, BadDestinationsAreReturnedWithoutATransfer) {
     FileDownloaderError::ErrorCode code;
     std::string text;
   } cases[] = {
-      {[&] { return downloader.download(url, dir / "missing/dir/file"); }, FileDownloaderError::FileError,
-       "file (Could not open destination file)"},
+      {[&] { return downloader.download(url, dir / "missing/dir/file"); },
+       FileDownloaderError::FileError, "file (Could not open destination file)"},
       {[&] { return downloader.download(url, -1); }, FileDownloaderError::GeneralError,
        "general (Unable to duplicate the fd)"},
       {[&] { return downloader.download(url, readOnly); }, FileDownloaderError::GeneralError,
        "general (Unable to open the fd)"},
-      {[&] { return downloader.download(url, nullptr, nullptr); }, FileDownloaderError::GeneralError,
-       "general (Provided Callback cannot be NULL)"},
+      {[&] { return downloader.download(url, nullptr, nullptr); },
+       FileDownloaderError::GeneralError, "general (Provided Callback cannot be NULL)"},
   };
   const size_t descriptors = harness::openDescriptorCount();
   for (const Case& c : cases) {
@@ -129,7 +130,8 @@ TEST_F(FileDownloaderTest, NullCallbackTouchesNeitherSigpipeNorOneShotState) {
   struct sigaction custom {};
   custom.sa_handler = [](int) {};
   sigemptyset(&custom.sa_mask);
-  struct sigaction saved {}, now {};
+  struct sigaction saved {
+  }, now{};
   ASSERT_EQ(sigaction(SIGPIPE, &custom, &saved), 0);
 
   downloader.setHeader("X-Once", "1", false);
@@ -197,7 +199,8 @@ TEST_F(FileDownloaderTest, StatusesOtherThan200AreThrownAfterTheBodyIsWritten) {
     harness::LogCapture log;
     const std::string url = server.url("/status/" + std::to_string(status));
     sink.data.clear();
-    const FileDownloaderError error = thrownBy([&] { downloader.download(url, &Sink::write, &sink); });
+    const FileDownloaderError error =
+        thrownBy([&] { downloader.download(url, &Sink::write, &sink); });
     EXPECT_EQ(error.code, FileDownloaderError::HttpError);
     EXPECT_EQ(error.curlCode, CURLE_OK);
     EXPECT_EQ(error.message, std::to_string(status));
@@ -213,7 +216,8 @@ TEST_F(FileDownloaderTest, AThrownErrorLeavesSigpipeIgnoredAndTheOneShotStateInP
   struct sigaction custom {};
   custom.sa_handler = [](int) {};
   sigemptyset(&custom.sa_mask);
-  struct sigaction saved {}, now {};
+  struct sigaction saved {
+  }, now{};
   ASSERT_EQ(sigaction(SIGPIPE, &custom, &saved), 0);
 
   // During a transfer SIGPIPE is ignored; afterwards the earlier handler is back.
@@ -224,7 +228,8 @@ TEST_F(FileDownloaderTest, AThrownErrorLeavesSigpipeIgnoredAndTheOneShotStateInP
     duringTransfer = current.sa_handler;
     return size * count;
   };
-  ASSERT_EQ(downloader.download(server.url("/ok/10"), probe, nullptr).code, FileDownloaderError::NoError);
+  ASSERT_EQ(downloader.download(server.url("/ok/10"), probe, nullptr).code,
+            FileDownloaderError::NoError);
   EXPECT_EQ(duringTransfer, SIG_IGN);
   sigaction(SIGPIPE, nullptr, &now);
   EXPECT_EQ(now.sa_handler, custom.sa_handler);
@@ -258,14 +263,16 @@ TEST_F(FileDownloaderTest, TenRedirectsAreFollowedAndTheEleventhIsThrown) {
 
   harness::LogCapture log;
   const std::string url = server.url("/redirect/11");
-  const FileDownloaderError error = thrownBy([&] { downloader.download(url, &Sink::write, &sink); });
+  const FileDownloaderError error =
+      thrownBy([&] { downloader.download(url, &Sink::write, &sink); });
   EXPECT_EQ(error.code, FileDownloaderError::CurlError);
   EXPECT_EQ(error.curlCode, CURLE_TOO_MANY_REDIRECTS);
   EXPECT_EQ(error.message, "Maximum (10) redirects followed");
   EXPECT_EQ(error.url, url);
   EXPECT_EQ(log.startingWith("E ").size(), 1u);
-  EXPECT_EQ(log.count(errorLine(url, "[CURL] Number of redirects hit maximum amount "
-                                     "(Maximum (10) redirects followed)")),
+  EXPECT_EQ(log.count(errorLine(url,
+                                "[CURL] Number of redirects hit maximum amount "
+                                "(Maximum (10) redirects followed)")),
             1u);
   EXPECT_EQ(downloader.responseCode(), 302);
 }
@@ -401,7 +408,8 @@ TEST(FileDownloaderLifetime, ManyDownloadersBalanceLibcurlsGlobalState) {
   }
   for (std::thread& thread : threads) thread.join();
   FileDownloader last;
-  EXPECT_EQ(last.download(server.url("/ok/3"), &Sink::write, &sink).code, FileDownloaderError::NoError);
+  EXPECT_EQ(last.download(server.url("/ok/3"), &Sink::write, &sink).code,
+            FileDownloaderError::NoError);
 }
 
 }  // namespace

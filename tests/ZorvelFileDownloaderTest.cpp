@@ -24,7 +24,8 @@ size_t discard(char*, size_t size, size_t count, void*) { return size * count; }
 std::string signatureFor(const std::string& url, const std::string& date,
                          const zorvelauth::Credentials& credentials = kCredentials) {
   return zorvelauth::RequestAuthenticator(credentials)
-      .authorizeRequest(zorvelauth::Request::createGETRequest(zorvelauth::CanonicalizedResource(url), date));
+      .authorizeRequest(
+          zorvelauth::Request::createGETRequest(zorvelauth::CanonicalizedResource(url), date));
 }
 
 // A thrown FileDownloaderError, or a failure.
@@ -65,12 +66,16 @@ TEST_F(ZorvelFileDownloaderTest, PathDownloadsAreSignedTwiceButSendOneSignature)
   ASSERT_EQ(downloader.download(url, dir / "out").code, FileDownloaderError::NoError);
   EXPECT_EQ(harness::readFile(dir / "out"), fixtures::patternBody(100));
   expectSignedOnce(url);
-  EXPECT_EQ(log.startingWith("D selvane:setHeader:name=date,").size(), 3u);  // caller + two signings
-  EXPECT_EQ(log.startingWith("D selvane:setHeader:name=authorization,value=AWS AKIDSELVANE:").size(), 2u);
+  EXPECT_EQ(log.startingWith("D selvane:setHeader:name=date,").size(),
+            3u);  // caller + two signings
+  EXPECT_EQ(
+      log.startingWith("D selvane:setHeader:name=authorization,value=AWS AKIDSELVANE:").size(), 2u);
 
   // Sent in byte order of the names, among the caller's headers.
   const std::vector<std::string> names = server.lastRequest().headerNames();
-  const auto at = [&](const std::string& name) { return std::find(names.begin(), names.end(), name) - names.begin(); };
+  const auto at = [&](const std::string& name) {
+    return std::find(names.begin(), names.end(), name) - names.begin();
+  };
   EXPECT_LT(at("X-Caller"), at("authorization"));
   EXPECT_LT(at("authorization"), at("date"));
   EXPECT_LT(at("date"), static_cast<long>(names.size()));
@@ -110,9 +115,11 @@ TEST_F(ZorvelFileDownloaderTest, AThrownErrorLeavesTheSignatureForTheNextUnsigne
   EXPECT_EQ(error.errorString(), "HTTP (404)");
   const fixtures::RecordedRequest failed = server.lastRequest();
 
-  ASSERT_EQ(downloader.download(server.url("/ok/1"), &discard, nullptr).code, FileDownloaderError::NoError);
+  ASSERT_EQ(downloader.download(server.url("/ok/1"), &discard, nullptr).code,
+            FileDownloaderError::NoError);
   EXPECT_EQ(server.lastRequest().headerValues("date"), failed.headerValues("date"));
-  EXPECT_EQ(server.lastRequest().headerValues("authorization"), failed.headerValues("authorization"));
+  EXPECT_EQ(server.lastRequest().headerValues("authorization"),
+            failed.headerValues("authorization"));
   ASSERT_EQ(server.lastRequest().headerValues("authorization").size(), 1u);
 }
 
@@ -152,14 +159,16 @@ TEST_F(ZorvelS3rverTest, ACorrectSignatureFetchesTheObject) {
   harness::LogCapture log;
   ZorvelFileDownloader downloader(
       zorvelauth::Credentials(fixtures::S3rver::kAccessKeyId, fixtures::S3rver::kSecretKey));
-  ASSERT_EQ(downloader.download(s3->objectUrl(key), dir / "pkg").code, FileDownloaderError::NoError);
+  ASSERT_EQ(downloader.download(s3->objectUrl(key), dir / "pkg").code,
+            FileDownloaderError::NoError);
   EXPECT_EQ(harness::readFile(dir / "pkg"), fixtures::patternBody(100000));
   EXPECT_TRUE(log.startingWith("E ").empty());
 }
 
 TEST_F(ZorvelS3rverTest, BadSignaturesAreRefusedWithTheServers403) {
   const std::pair<zorvelauth::Credentials, const char*> cases[] = {
-      {zorvelauth::Credentials(fixtures::S3rver::kAccessKeyId, "wrong secret"), "SignatureDoesNotMatch"},
+      {zorvelauth::Credentials(fixtures::S3rver::kAccessKeyId, "wrong secret"),
+       "SignatureDoesNotMatch"},
       {zorvelauth::Credentials("UNKNOWNKEY", fixtures::S3rver::kSecretKey), "InvalidAccessKeyId"},
   };
   const std::string url = s3->objectUrl(key);
@@ -170,7 +179,8 @@ TEST_F(ZorvelS3rverTest, BadSignaturesAreRefusedWithTheServers403) {
     EXPECT_EQ(error.code, FileDownloaderError::HttpError);
     EXPECT_EQ(error.message, "403");
     EXPECT_EQ(downloader.responseCode(), 403);
-    EXPECT_NE(harness::readFile(dir / "pkg").find(c.second), std::string::npos) << harness::readFile(dir / "pkg");
+    EXPECT_NE(harness::readFile(dir / "pkg").find(c.second), std::string::npos)
+        << harness::readFile(dir / "pkg");
     EXPECT_EQ(log.count("E selvane:FileDownloader:reason=error,url=" + url + ":HTTP (403)"), 1u);
   }
 }
