@@ -11,7 +11,9 @@
 #include "Harness.h"
 #include "HttpTestServer.h"
 #include "ServerProcess.h"
+#include "Thrown.h"
 
+using fixtures::thrownBy;
 using selvane::FileDownloader;
 using selvane::FileDownloaderError;
 
@@ -30,17 +32,39 @@ std::string errorLine(const std::string& url, const std::string& text) {
   return "E selvane:FileDownloader:reason=error,url=" + url + ":" + text;
 }
 
-// Runs a download that must throw and returns what it threw.
-template <typename Download>
-FileDownloaderError thrownBy(Download download) {
-  try {
-    download();
-  } catch (const FileDownloaderError& error) {
-    return error;
+// Open descriptors of files (not sockets or pipes): the test server's threads open and close
+// sockets in this process at their own pace.
+size_t openFileCount() {
+  size_t count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    char target[256];
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t n = readlink(link.c_str(), target, sizeof target);
+    count += n > 0 && target[0] == '/';
   }
-  ADD_FAILURE() << "the download did not throw";
-  return FileDownloaderError(FileDownloaderError::NoError, "", "");
+  return count;
 }
+
+// Installs a SIGPIPE handler of its own for as long as it lives.
+class CustomSigpipe {
+ public:
+  CustomSigpipe() {
+    struct sigaction custom {};
+    custom.sa_handler = &CustomSigpipe::handle;
+    sigemptyset(&custom.sa_mask);
+    sigaction(SIGPIPE, &custom, &saved);
+  }
+  ~CustomSigpipe() { sigaction(SIGPIPE, &saved, nullptr); }
+  static sighandler_t current() {
+    struct sigaction now {};
+    sigaction(SIGPIPE, nullptr, &now);
+    return now.sa_handler;
+  }
+  static void handle(int) {}
+
+ private:
+  struct sigaction saved {};
+};
 
 class FileDownloaderTest : public ::testing::Test {
  protected:
@@ -59,7 +83,7 @@ TEST_F(FileDownloaderTest, PathDownloadTruncatesTheFileAndWritesTheBody) {
   harness::LogCapture log;
   const std::string file = dir / "existing";
   harness::writeFile(file, std::string(5000, 'x'));
-  const size_t descriptors = harness::openDescriptorCount();
+  const size_t descriptors = openFileCount();
 
   const FileDownloaderError result = downloader.download(server.url("/ok/1000"), file);
   EXPECT_EQ(result.code, FileDownloaderError::NoError);
@@ -67,7 +91,7 @@ TEST_F(FileDownloaderTest, PathDownloadTruncatesTheFileAndWritesTheBody) {
   EXPECT_EQ(result.url, server.url("/ok/1000"));
   EXPECT_EQ(harness::readFile(file), fixtures::patternBody(1000));
   EXPECT_EQ(downloader.responseCode(), 200);
-  EXPECT_EQ(harness::openDescriptorCount(), descriptors);
+  EXPECT_EQ(openFileCount(), descriptors);
 
   const mode_t saved = umask(022);
   ASSERT_EQ(downloader.download(server.url("/ok/10"), dir / "new").code,
@@ -84,11 +108,11 @@ TEST_F(FileDownloaderTest, DescriptorDownloadWritesAtTheOffsetAndLeavesTheDescri
   const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_GE(fd, 0);
   ASSERT_EQ(write(fd, "prefix", 6), 6);
-  const size_t descriptors = harness::openDescriptorCount();
+  const size_t descriptors = openFileCount();
 
   EXPECT_EQ(downloader.download(server.url("/ok/500"), fd).code, FileDownloaderError::NoError);
   EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 506);
-  EXPECT_EQ(harness::openDescriptorCount(), descriptors);
+  EXPECT_EQ(openFileCount(), descriptors);
   ASSERT_EQ(write(fd, "!", 1), 1);
   close(fd);
   EXPECT_EQ(harness::readFile(file), "prefix" + fixtures::patternBody(500) + "!");
@@ -111,7 +135,7 @@ TEST_F(FileDownloaderTest, BadDestinationsAreReturnedWithoutATransfer) {
       {[&] { return downloader.download(url, nullptr, nullptr); },
        FileDownloaderError::GeneralError, "general (Provided Callback cannot be NULL)"},
   };
-  const size_t descriptors = harness::openDescriptorCount();
+  const size_t descriptors = openFileCount();
   for (const Case& c : cases) {
     harness::LogCapture log;
     const FileDownloaderError result = c.download();
@@ -122,29 +146,22 @@ TEST_F(FileDownloaderTest, BadDestinationsAreReturnedWithoutATransfer) {
     EXPECT_EQ(log.count(errorLine(url, c.text)), 1u);
   }
   close(readOnly);
-  EXPECT_EQ(harness::openDescriptorCount(), descriptors - 1);
+  EXPECT_EQ(openFileCount(), descriptors - 1);
   EXPECT_TRUE(server.requests().empty());
 }
 
 TEST_F(FileDownloaderTest, NullCallbackTouchesNeitherSigpipeNorOneShotState) {
-  struct sigaction custom {};
-  custom.sa_handler = [](int) {};
-  sigemptyset(&custom.sa_mask);
-  struct sigaction saved {
-  }, now{};
-  ASSERT_EQ(sigaction(SIGPIPE, &custom, &saved), 0);
+  const CustomSigpipe custom;
 
   downloader.setHeader("X-Once", "1", false);
   downloader.setPOST("body");
   EXPECT_EQ(downloader.download(server.url("/echo"), nullptr, nullptr).code,
             FileDownloaderError::GeneralError);
-  sigaction(SIGPIPE, nullptr, &now);
-  EXPECT_EQ(now.sa_handler, custom.sa_handler);
+  EXPECT_EQ(CustomSigpipe::current(), &CustomSigpipe::handle);
 
   ASSERT_EQ(fetch("/echo").code, FileDownloaderError::NoError);
   EXPECT_EQ(server.lastRequest().headerValues("X-Once"), std::vector<std::string>{"1"});
   EXPECT_EQ(sink.data, "body");
-  sigaction(SIGPIPE, &saved, nullptr);
 }
 
 TEST_F(FileDownloaderTest, HeadersGoOutInNameOrderAndOneShotHeadersAreConsumed) {
@@ -213,38 +230,29 @@ TEST_F(FileDownloaderTest, StatusesOtherThan200AreThrownAfterTheBodyIsWritten) {
 }
 
 TEST_F(FileDownloaderTest, AThrownErrorLeavesSigpipeIgnoredAndTheOneShotStateInPlace) {
-  struct sigaction custom {};
-  custom.sa_handler = [](int) {};
-  sigemptyset(&custom.sa_mask);
-  struct sigaction saved {
-  }, now{};
-  ASSERT_EQ(sigaction(SIGPIPE, &custom, &saved), 0);
+  const CustomSigpipe custom;
 
   // During a transfer SIGPIPE is ignored; afterwards the earlier handler is back.
   static sighandler_t duringTransfer;
   const auto probe = [](char*, size_t size, size_t count, void*) -> size_t {
-    struct sigaction current {};
-    sigaction(SIGPIPE, nullptr, &current);
-    duringTransfer = current.sa_handler;
+    duringTransfer = CustomSigpipe::current();
     return size * count;
   };
   ASSERT_EQ(downloader.download(server.url("/ok/10"), probe, nullptr).code,
             FileDownloaderError::NoError);
   EXPECT_EQ(duringTransfer, SIG_IGN);
-  sigaction(SIGPIPE, nullptr, &now);
-  EXPECT_EQ(now.sa_handler, custom.sa_handler);
+  EXPECT_EQ(CustomSigpipe::current(), &CustomSigpipe::handle);
 
   // A 404 to a path passes through without closing the destination's descriptors.
   downloader.setHeader("X-Once", "1", false);
   downloader.setPOST("payload");
-  const size_t descriptors = harness::openDescriptorCount();
+  const size_t descriptors = openFileCount();
   const FileDownloaderError error =
       thrownBy([&] { downloader.download(server.url("/status/404"), dir / "page"); });
   EXPECT_EQ(error.errorString(), "HTTP (404)");
   EXPECT_EQ(harness::readFile(dir / "page"), "status 404");
-  EXPECT_GE(harness::openDescriptorCount(), descriptors + 2);  // the file and its duplicate
-  sigaction(SIGPIPE, nullptr, &now);
-  EXPECT_EQ(now.sa_handler, SIG_IGN);
+  EXPECT_GE(openFileCount(), descriptors + 2);  // the file and its duplicate
+  EXPECT_EQ(CustomSigpipe::current(), SIG_IGN);
 
   // The next transfer still carries the one-shot header and the body, and consumes them.
   ASSERT_EQ(fetch("/echo").code, FileDownloaderError::NoError);
@@ -253,7 +261,6 @@ TEST_F(FileDownloaderTest, AThrownErrorLeavesSigpipeIgnoredAndTheOneShotStateInP
   ASSERT_EQ(fetch("/echo").code, FileDownloaderError::NoError);
   EXPECT_TRUE(server.lastRequest().headerValues("X-Once").empty());
   EXPECT_EQ(server.lastRequest().method(), "GET");
-  sigaction(SIGPIPE, &saved, nullptr);
 }
 
 TEST_F(FileDownloaderTest, TenRedirectsAreFollowedAndTheEleventhIsThrown) {

@@ -10,7 +10,9 @@
 #include "Harness.h"
 #include "HttpTestServer.h"
 #include "S3rver.h"
+#include "Thrown.h"
 
+using fixtures::thrownBy;
 using selvane::FileDownloaderError;
 using selvane::ZorvelFileDownloader;
 
@@ -26,18 +28,6 @@ std::string signatureFor(const std::string& url, const std::string& date,
   return zorvelauth::RequestAuthenticator(credentials)
       .authorizeRequest(
           zorvelauth::Request::createGETRequest(zorvelauth::CanonicalizedResource(url), date));
-}
-
-// A thrown FileDownloaderError, or a failure.
-template <typename Download>
-FileDownloaderError thrownBy(Download download) {
-  try {
-    download();
-  } catch (const FileDownloaderError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "the download did not throw";
-  return FileDownloaderError(FileDownloaderError::NoError, "", "");
 }
 
 class ZorvelFileDownloaderTest : public ::testing::Test {
