@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <functional>
+#include <thread>
 
 #include "Harness.h"
 #include "HttpTestServer.h"

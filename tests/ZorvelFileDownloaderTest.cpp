@@ -4,6 +4,7 @@
 #include <selvane/ZorvelFileDownloader.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 

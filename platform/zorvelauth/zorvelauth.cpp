@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
