@@ -9,6 +9,8 @@
 #include <selvane/Device.h>
 #include <selvane/DeviceCommon.h>
 #include <selvane/Executor.h>
+#include <selvane/FileDownloader.h>
+#include <selvane/FileDownloaderError.h>
 #include <selvane/FileUtils.h>
 #include <selvane/MMCDevice.h>
 #include <selvane/MMCPartition.h>
@@ -16,5 +18,6 @@
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
 #include <selvane/TemporaryFile.h>
+#include <selvane/ZorvelFileDownloader.h>
 
 #endif
