@@ -216,11 +216,13 @@ run_script_file() {
   script=$1
   shift
   [ -z "$ROOT" ] && [ -f "$script" ] || return 0
-  if [ -x "$script" ]; then
-    (cd / && PKG_ROOT=/ "$script" "$@")
-  else
-    (cd / && PKG_ROOT=/ sh "$script" "$@")
-  fi
+  # A script without an interpreter line, or one that may not be executed, is fed to sh.
+  first=
+  IFS= read -r first <"$script" || :
+  case "$first" in
+    '#!'*) [ -x "$script" ] && { (cd / && PKG_ROOT=/ "$script" "$@"); return; } ;;
+  esac
+  (cd / && PKG_ROOT=/ sh "$script" "$@")
 }
 
 # Runs the installed script NAME.$2 of the database with the remaining arguments.
@@ -402,29 +404,41 @@ remove_one() {
 
 # ---- command line ----------------------------------------------------------------------------
 
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --offline-root=*) ROOT=${1#*=} ;;
-    --conf=*) CONF=${1#*=} ;;
-    --tmp-dir=*) TMP_DIR=${1#*=} ;;
+# Options may stand anywhere, as with getopt: each argument is taken from the front, and what is
+# not an option goes back at the end, so that only the operands remain, in their order.
+remaining=$#
+while [ "$remaining" -gt 0 ]; do
+  arg=$1
+  shift
+  remaining=$((remaining - 1))
+  case "$arg" in
+    --offline-root=*) ROOT=${arg#*=} ;;
+    --conf=*) CONF=${arg#*=} ;;
+    --tmp-dir=*) TMP_DIR=${arg#*=} ;;
     -o | --offline-root | -f | --conf | -t | --tmp-dir)
-      [ $# -ge 2 ] || usage "option $1 needs an argument"
-      case "$1" in
-        -o | --offline-root) ROOT=$2 ;;
-        -f | --conf) CONF=$2 ;;
-        *) TMP_DIR=$2 ;;
+      [ "$remaining" -gt 0 ] || usage "option $arg needs an argument"
+      case "$arg" in
+        -o | --offline-root) ROOT=$1 ;;
+        -f | --conf) CONF=$1 ;;
+        *) TMP_DIR=$1 ;;
       esac
       shift
+      remaining=$((remaining - 1))
       ;;
     --force-downgrade) FORCE_DOWNGRADE=1 ;;
     --force-reinstall) FORCE_REINSTALL=1 ;;
     --force-remove) FORCE_REMOVE=1 ;;
     --nodeps | --force-depends | --force-maintainer | --force-overwrite) ;;
-    --) shift; break ;;
-    -*) usage "unknown option $1" ;;
-    *) break ;;
+    --)
+      while [ "$remaining" -gt 0 ]; do
+        set -- "$@" "$1"
+        shift
+        remaining=$((remaining - 1))
+      done
+      ;;
+    -?*) usage "unknown option $arg" ;;
+    *) set -- "$@" "$arg" ;;
   esac
-  shift
 done
 [ $# -gt 0 ] || usage "no sub-command given"
 command=$1
