@@ -70,10 +70,13 @@ class OpkgTool : public ::testing::Test {
 
   // The target's own opkg-cl under chroot, as the library runs it.
   Result inTarget(const std::string& args) {
-    return run("env -i PATH=/usr/bin:/bin /usr/sbin/chroot '" + root + "' /usr/bin/opkg-cl " + args);
+    return run("env -i PATH=/usr/bin:/bin /usr/sbin/chroot '" + root + "' /usr/bin/opkg-cl " +
+               args);
   }
 
-  std::string build(const fixtures::PackageSpec& spec) { return fixtures::buildPackage(spec, pkgs); }
+  std::string build(const fixtures::PackageSpec& spec) {
+    return fixtures::buildPackage(spec, pkgs);
+  }
   std::string status() { return harness::readFile(root + "/var/lib/opkg/status"); }
   std::string info(const std::string& file) {
     return harness::readFile(root + "/var/lib/opkg/info/" + file);
@@ -113,8 +116,10 @@ fixtures::PackageSpec simpleSpec(const std::string& name, const std::string& ver
 TEST_F(OpkgTool, InstallUnpacksIntoAnOfflineRootWithBusyboxAppletsOnly) {
   fixtures::PackageSpec plain = simpleSpec("plain", "2");
   plain.withSha256Sums = false;
-  const Result result = offline("--nodeps --force-depends --force-downgrade --force-maintainer "
-                                "install '" + build(helloSpec()) + "' '" + build(plain) + "'");
+  const Result result = offline(
+      "--nodeps --force-depends --force-downgrade --force-maintainer "
+      "install '" +
+      build(helloSpec()) + "' '" + build(plain) + "'");
   ASSERT_EQ(result.status, 0) << result.err;
 
   EXPECT_EQ(harness::readFile(root + "/etc/hello.conf"), "greeting=hi\n");
@@ -164,8 +169,8 @@ TEST_F(OpkgTool, UpgradesDowngradesAndReinstalls) {
   EXPECT_EQ(status(), before);
   EXPECT_EQ(harness::readFile(root + "/usr/share/app/version"), "2.0\n");
 
-  const std::string options =
-      "--offline-root='" + root + "' --conf='" + conf + "' --tmp-dir='" + tmp + "' --force-downgrade";
+  const std::string options = "--offline-root='" + root + "' --conf='" + conf + "' --tmp-dir='" +
+                              tmp + "' --force-downgrade";
   ASSERT_EQ(offline("install '" + p1 + "'", options).status, 0);
   EXPECT_NE(status().find("Version: 1.0\n"), std::string::npos);
   EXPECT_TRUE(exists(root + "/usr/lib/app/old.so"));
@@ -196,12 +201,13 @@ TEST_F(OpkgTool, RejectsBadInputAndLeavesTheDatabaseAlone) {
 
   // Members for hand-made packages.
   const std::string work = scratch / "work";
-  ASSERT_EQ(harness::shell("mkdir -p '" + work + "/c' '" + work + "/d' && echo x > '" + work +
-                           "/escape' && printf 'Package: esc\\nVersion: 1\\nArchitecture: all\\n' > '" +
-                           work + "/c/control' && tar -C '" + work + "/c' -czf '" + work +
-                           "/control.tar.gz' . && cd '" + work + "/d' && tar -czPf '" + work +
-                           "/escape.tar.gz' ../escape"),
-            0);
+  ASSERT_EQ(
+      harness::shell("mkdir -p '" + work + "/c' '" + work + "/d' && echo x > '" + work +
+                     "/escape' && printf 'Package: esc\\nVersion: 1\\nArchitecture: all\\n' > '" +
+                     work + "/c/control' && tar -C '" + work + "/c' -czf '" + work +
+                     "/control.tar.gz' . && cd '" + work + "/d' && tar -czPf '" + work +
+                     "/escape.tar.gz' ../escape"),
+      0);
   const std::string control = harness::readFile(work + "/control.tar.gz");
   const std::string escaping = harness::readFile(work + "/escape.tar.gz");
   harness::writeFile(pkgs + "/text.ipk", "this is not a package\n");
@@ -341,8 +347,8 @@ TEST_F(OpkgTool, ConfiguresAndRemovesInsideTheTarget) {
   EXPECT_EQ(status().find("Package: stubborn"), std::string::npos);
 
   // Installed from inside the target, a package is configured at once.
-  ASSERT_EQ(harness::shell("mkdir -p '" + root + "/pkgs' && cp '" + hello + "' '" + root + "/pkgs/'"),
-            0);
+  ASSERT_EQ(
+      harness::shell("mkdir -p '" + root + "/pkgs' && cp '" + hello + "' '" + root + "/pkgs/'"), 0);
   result = inTarget("install /pkgs/" + hello.substr(hello.rfind('/') + 1));
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(harness::readFile(root + "/etc/hello.configured"), "configure /\n");
