@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -72,26 +73,36 @@ class PackageDatabase : public ::testing::Test {
   std::string root;
 };
 
+// Fresh "/tmp/tmp.XXXXXX" files with exactly this content.
+Lines temporaryFilesHolding(const std::string& content) {
+  std::string names;
+  harness::shell("ls /tmp/tmp.?????? 2>/dev/null", &names);
+  Lines result;
+  std::istringstream in(names);
+  for (std::string name; std::getline(in, name);)
+    if (harness::readFile(name) == content) result.push_back(name);
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
 TEST_F(PackageDatabase, ConfigurationFileLivesAsLongAsTheManager) {
-  std::string path;
+  const std::string expected =
+      "arch all 1\narch any 6\narch noarch 11\narch arm 16\narch armv4 21\narch armv5 26\n"
+      "arch armv5-vfp 31\narch armv5e 36\narch armv5e-vfp 41\narch armv6-vfp 46\n"
+      "arch armv7a 51\narch armv7a-vfp 56\narch armv7a-vfp-neon 61\narch vindal 66\n"
+      "dest root /\n\n";
+  const Lines before = temporaryFilesHolding(expected);
+  Lines during;
   {
     selvane::PackageManager manager(root);
     EXPECT_TRUE(manager.getInstalledPackages().empty());
-    std::string config;
-    harness::shell("ls /tmp/tmp.?????? 2>/dev/null", &config);
-    // The manager's file is one of the fresh "/tmp/tmp.XXXXXX" files with exactly this text.
-    const std::string expected =
-        "arch all 1\narch any 6\narch noarch 11\narch arm 16\narch armv4 21\narch armv5 26\n"
-        "arch armv5-vfp 31\narch armv5e 36\narch armv5e-vfp 41\narch armv6-vfp 46\n"
-        "arch armv7a 51\narch armv7a-vfp 56\narch armv7a-vfp-neon 61\narch vindal 66\n"
-        "dest root /\n\n";
-    std::istringstream candidates(config);
-    for (std::string candidate; std::getline(candidates, candidate);) {
-      if (harness::readFile(candidate) == expected) path = candidate;
-    }
-    ASSERT_NE(path, "") << "no configuration file among " << config;
+    during = temporaryFilesHolding(expected);
   }
-  EXPECT_FALSE(exists(path));
+  Lines made;
+  std::set_difference(during.begin(), during.end(), before.begin(), before.end(),
+                      std::back_inserter(made));
+  ASSERT_EQ(made.size(), 1u) << "the configuration file among " << ::testing::PrintToString(during);
+  EXPECT_FALSE(exists(made[0]));
 }
 
 TEST_F(PackageDatabase, StatusFileQuirksAndHostileContent) {
