@@ -99,6 +99,7 @@ fixtures::PackageSpec helloSpec() {
   spec.files["/etc/hello.conf"] = "greeting=hi\n";
   spec.executables["/usr/bin/hello"] = "#!/bin/sh\necho hi\n";
   spec.scripts["postinst"] = "#!/bin/sh\necho \"$1 $PKG_ROOT\" > /etc/hello.configured\n";
+  spec.scripts["preinst"] = "#!/bin/sh\necho \"$*\" > /var/hello.preinst\n";
   spec.scripts["prerm"] = "#!/bin/sh\necho \"$1\" > /var/hello.prerm\n";
   spec.scripts["postrm"] = "#!/bin/sh\necho \"$1\" > /var/hello.postrm\n";
   spec.extraControl = "Depends: libc6\n";
@@ -128,6 +129,7 @@ TEST_F(OpkgTool, InstallUnpacksIntoAnOfflineRootWithBusyboxAppletsOnly) {
   EXPECT_EQ(st.st_mode & 07777, 0755u);
   EXPECT_EQ(harness::readFile(root + "/usr/share/plain/version"), "2\n");
   EXPECT_FALSE(exists(root + "/etc/hello.configured")) << "no maintainer script runs offline";
+  EXPECT_FALSE(exists(root + "/var/hello.preinst"));
 
   EXPECT_EQ(withoutTimes(status()),
             "Package: hello\nVersion: 1.0-r1\nDepends: libc6\nStatus: install ok unpacked\n"
@@ -351,10 +353,14 @@ TEST_F(OpkgTool, ConfiguresAndRemovesInsideTheTarget) {
       harness::shell("mkdir -p '" + root + "/pkgs' && cp '" + hello + "' '" + root + "/pkgs/'"), 0);
   result = inTarget("install /pkgs/" + hello.substr(hello.rfind('/') + 1));
   ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(harness::readFile(root + "/var/hello.preinst"), "install\n");
   EXPECT_EQ(harness::readFile(root + "/etc/hello.configured"), "configure /\n");
   EXPECT_NE(status().find("Package: hello\nVersion: 1.0-r1\nDepends: libc6\n"
                           "Status: install ok installed\n"),
             std::string::npos);
+  result = inTarget("install --force-reinstall /pkgs/" + hello.substr(hello.rfind('/') + 1));
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(harness::readFile(root + "/var/hello.preinst"), "upgrade 1.0-r1\n");
   std::string leftovers;
   harness::shell("ls -A '" + root + "/tmp'", &leftovers);
   EXPECT_EQ(leftovers, "");

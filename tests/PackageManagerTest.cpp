@@ -472,6 +472,9 @@ TEST_F(PackageOperations, InstallAndRemoveEdgeCases) {
   EXPECT_TRUE(manager.installPackage(build(device), 0));
   EXPECT_FALSE(exists(kScratch));
   log.clear();
+  EXPECT_TRUE(manager.verifyPackages(false, false));
+  EXPECT_EQ(log.startingWith("I PackageManager:verifyPackages:").size(), 1u) << "install clears it";
+  log.clear();
   EXPECT_FALSE(manager.installPackage(build(foreign), 0));
   EXPECT_TRUE(log.contains("E PackageManager:installError::Failed to install package"));
   EXPECT_FALSE(exists(kScratch));
@@ -540,6 +543,7 @@ TEST_F(PackageOperations, ConfigureRetriesTheFullRun) {
       "n=$((n + 1))\necho $n > /var/flaky.attempts\n[ $n -ge 3 ]\n";
   selvane::PackageManager manager(root);
   ASSERT_TRUE(manager.installPackage(build(flaky), 0));
+  EXPECT_TRUE(manager.verifyPackages(false, false));  // caches a good outcome
   harness::LogCapture log;
   EXPECT_TRUE(manager.configurePackages(0));
   EXPECT_EQ(mountsBelow(root), Lines{});
@@ -549,6 +553,11 @@ TEST_F(PackageOperations, ConfigureRetriesTheFullRun) {
   EXPECT_EQ(harness::readFile(root + "/var/flaky.attempts"), "3\n");
   // Four base packages (none installed here, which stops nothing) and three full runs.
   EXPECT_EQ(log.count("D ChildTask:waitExecute:timeout=0:Running child task"), 7u);
+
+  log.clear();
+  EXPECT_TRUE(manager.verifyPackages(false, false));
+  EXPECT_EQ(log.startingWith("I PackageManager:verifyPackages:").size(), 1u)
+      << "configure clears it";
 
   // Without opkg-cl in the target every command fails to start.
   const std::string bare = scratch / "bare";

@@ -62,7 +62,8 @@ const char* const kOpkgConfiguration[] = {"arch all 1",
 const char* const kBasePackages[] = {"base-files", "base-passwd", "busybox", "netbase", nullptr};
 const int kConfigureAttempts = 3;
 
-// The release's own bookkeeping package, never reported as an installed package.
+// The release's own bookkeeping package, left out of the list when its stanza ends in an empty
+// line.
 const char kManifestPackage[] = "vindal-manifest";
 
 // The environment of every command run inside the target root.

@@ -10,9 +10,10 @@
 #   opkg [OPTIONS] remove NAME...            run prerm, delete the package's files, run postrm
 #   opkg [OPTIONS] list-installed            "NAME - VERSION" for every unpacked or installed package
 #
-# Options: --offline-root=DIR (-o DIR), --conf=FILE (-f FILE), --tmp-dir=DIR (-t DIR); the force
-# options --force-depends, --force-downgrade, --force-maintainer, --force-remove,
-# --force-reinstall, --force-overwrite and --nodeps are accepted. Dependencies are never resolved.
+# Options, anywhere on the line: --offline-root=DIR (-o DIR), --conf=FILE (-f FILE), --tmp-dir=DIR
+# (-t DIR); the force options --force-depends, --force-downgrade, --force-maintainer,
+# --force-remove, --force-reinstall, --force-overwrite and --nodeps are accepted. Dependencies are
+# never resolved. Work files go below the --tmp-dir directory only (default $TMPDIR or /tmp).
 #
 # Packages are ar archives with debian-binary, control.tar.gz and data.tar.gz. The configuration
 # file (default ROOT/etc/opkg/opkg.conf, if any) gives "arch NAME PRIORITY" lines, which restrict
@@ -309,16 +310,12 @@ install_one() {
     return 0
   }
   old=$(status_field "$NAME" Version)
-  if [ "$old" = "$VERSION" ]; then
-    echo "Reinstalling $NAME ($VERSION) on root."
-    run_script_file "$WORK/control/preinst" upgrade "$old" || die "preinst script of $NAME failed"
-  elif [ -n "$old" ]; then
-    echo "Upgrading $NAME from $old to $VERSION on root."
-    run_script_file "$WORK/control/preinst" upgrade "$old" || die "preinst script of $NAME failed"
-  else
-    echo "Installing $NAME ($VERSION) on root."
-    run_script_file "$WORK/control/preinst" install || die "preinst script of $NAME failed"
-  fi
+  case "$old" in
+    "") echo "Installing $NAME ($VERSION) on root." && set -- install ;;
+    "$VERSION") echo "Reinstalling $NAME ($VERSION) on root." && set -- upgrade "$old" ;;
+    *) echo "Upgrading $NAME from $old to $VERSION on root." && set -- upgrade "$old" ;;
+  esac
+  run_script_file "$WORK/control/preinst" "$@" || die "preinst script of $NAME failed"
 
   target=$ROOT$DEST
   mkdir -p "$target" "$INFO" || die "cannot create $target or $INFO"
