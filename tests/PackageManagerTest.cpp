@@ -315,7 +315,8 @@ TEST_F(PackageOperations, FullCycleOnExt3) {
       "[ \"$(pwd)\" = / ] && [ -r /proc/self/status ] && [ -d /sys/kernel ] || exit 12\n"
       "[ -c /dev/null ] && [ -f /etc/netbase.ok ] || exit 13\n"
       // The host's /tmp, where this test's scratch directory lies.
-      "[ -d '" + scratch.path() + "/pkgs' ] || exit 14\n";
+      "[ -d '" +
+      scratch.path() + "/pkgs' ] || exit 14\n";
   app.scripts["postinst"] = "#!/bin/sh\nvindal-app > /etc/vindal-app.out\n";
 
   // Feeds of another system must not survive into the install.
@@ -330,12 +331,13 @@ TEST_F(PackageOperations, FullCycleOnExt3) {
     ASSERT_TRUE(manager.installPackage(package, 60)) << spec->name;
     EXPECT_TRUE(
         log.contains("I PackageManager:installPackage:package=" + package + ":Installing package"));
-    EXPECT_EQ(log.startingWith("D Executor:Executor:: /usr/bin/opkg --offline-root=" + root +
-                               " --conf=/tmp/tmp.")
-                  .size(),
-              1u);
-    EXPECT_EQ(log.startingWith("D Executor:Executor:: /usr/bin/opkg ")[0].substr(
-                  log.startingWith("D Executor:Executor:: /usr/bin/opkg ")[0].find(" --tmp-dir=")),
+    // The configuration file is the manager's fresh "/tmp/tmp.XXXXXX".
+    const Lines commands = log.startingWith("D Executor:Executor:: /usr/bin/opkg ");
+    ASSERT_EQ(commands.size(), 1u);
+    const std::string head =
+        "D Executor:Executor:: /usr/bin/opkg --offline-root=" + root + " --conf=/tmp/tmp.";
+    EXPECT_EQ(commands[0].compare(0, head.size(), head), 0) << commands[0];
+    EXPECT_EQ(commands[0].substr(head.size() + 6),
               " --tmp-dir=/var/local/lib/selvane --nodeps --force-depends --force-downgrade "
               "--force-maintainer install " +
                   package);
