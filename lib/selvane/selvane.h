@@ -14,6 +14,7 @@
 #include <selvane/FileUtils.h>
 #include <selvane/MMCDevice.h>
 #include <selvane/MMCPartition.h>
+#include <selvane/PackageManager.h>
 #include <selvane/Partition.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
