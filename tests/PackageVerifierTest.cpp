@@ -31,8 +31,6 @@ class PackageVerifierTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     shared = new harness::ScratchDir;
-    keyA = fixtures::generateKeyPair(shared->path(), "a");
-    keyB = fixtures::generateKeyPair(shared->path(), "b");
     fixtures::PackageSpec spec;
     spec.name = "hello";
     spec.files["/usr/share/hello/greeting"] = "hello, world\n";
@@ -40,7 +38,7 @@ class PackageVerifierTest : public ::testing::Test {
     unsignedPackage = fixtures::buildPackage(spec, shared->path());
     signedByA = *shared / "hello-a.ipk";
     harness::shell("cp '" + unsignedPackage + "' '" + signedByA + "'");
-    fixtures::signWithOpenssl(signedByA, keyA.privateKey);
+    fixtures::signWithOpenssl(signedByA, fixtures::testKeyPair("a").privateKey);
   }
   static void TearDownTestSuite() {
     delete shared;
@@ -62,13 +60,13 @@ class PackageVerifierTest : public ::testing::Test {
   }
 
   static harness::ScratchDir* shared;
-  static fixtures::KeyPair keyA, keyB;
   static std::string unsignedPackage, signedByA;
+  const fixtures::KeyPair& keyA = fixtures::testKeyPair("a");
+  const fixtures::KeyPair& keyB = fixtures::testKeyPair("b");
   harness::ScratchDir dir;
 };
 
 harness::ScratchDir* PackageVerifierTest::shared;
-fixtures::KeyPair PackageVerifierTest::keyA, PackageVerifierTest::keyB;
 std::string PackageVerifierTest::unsignedPackage, PackageVerifierTest::signedByA;
 
 Members without(Members contents, const std::string& name) {

@@ -36,16 +36,6 @@ std::set<std::string> entries(const std::string& dir) {
 
 class SelvanePackTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    shared = new harness::ScratchDir;
-    keyA = fixtures::generateKeyPair(shared->path(), "a");
-    keyB = fixtures::generateKeyPair(shared->path(), "b");
-  }
-  static void TearDownTestSuite() {
-    delete shared;
-    shared = nullptr;
-  }
-
   void SetUp() override {
     if (access(kTool.c_str(), X_OK) != 0) GTEST_SKIP() << "selvane-pack is not built";
   }
@@ -66,13 +56,10 @@ class SelvanePackTest : public ::testing::Test {
     return fixtures::buildPackage(spec, dir.path());
   }
 
-  static harness::ScratchDir* shared;
-  static fixtures::KeyPair keyA, keyB;
+  const fixtures::KeyPair& keyA = fixtures::testKeyPair("a");
+  const fixtures::KeyPair& keyB = fixtures::testKeyPair("b");
   harness::ScratchDir dir, scratch;
 };
-
-harness::ScratchDir* SelvanePackTest::shared;
-fixtures::KeyPair SelvanePackTest::keyA, SelvanePackTest::keyB;
 
 TEST_F(SelvanePackTest, SignsExactlyWhatOpensslSignsAndTheVerifierChecks) {
   const std::string pkg = package("alpha", "1.0-r2");
