@@ -295,7 +295,8 @@ TEST_F(PackageVerifierTest, NoSingleByteChangeInACoveredByteIsAccepted) {
     }
   }
   // The bytes the signature leaves out really are ignored (for these masks they stay non-digits).
-  EXPECT_EQ(acceptedUncovered, 3u * std::count(covered.begin(), covered.end(), false));
+  EXPECT_EQ(acceptedUncovered,
+            3 * static_cast<size_t>(std::count(covered.begin(), covered.end(), false)));
 }
 
 TEST_F(PackageVerifierTest, TruncatedAndRandomPackagesAreRefusedWithoutThrowing) {

@@ -106,6 +106,15 @@ TEST_F(SelvanePackTest, SigningAgainReplacesTheSignatureAndOutputCanGoElsewhere)
   EXPECT_FALSE(a.verifyPackage(copy));
   EXPECT_TRUE(a.verifyPackage(pkg));
 
+  // Signing through a symbolic link replaces the file it points to and keeps the link.
+  const std::string link = dir / "beta-link.ipk";
+  ASSERT_EQ(symlink(copy.c_str(), link.c_str()), 0);
+  ASSERT_EQ(run("sign --key " + quote(keyA.privateKey) + " " + quote(link)).status, 0);
+  struct stat status;
+  ASSERT_EQ(lstat(link.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISLNK(status.st_mode));
+  EXPECT_TRUE(a.verifyPackage(copy));
+
   // A signature member in an unusual place is dropped, and the new one goes last.
   const std::string odd = dir / "odd.ipk";
   fixtures::writeArchive(odd, {{"signature", "old"},
