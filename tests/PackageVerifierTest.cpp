@@ -61,8 +61,9 @@ class PackageVerifierTest : public ::testing::Test {
 
   static harness::ScratchDir* shared;
   static std::string unsignedPackage, signedByA;
-  const fixtures::KeyPair& keyA = fixtures::testKeyPair("a");
-  const fixtures::KeyPair& keyB = fixtures::testKeyPair("b");
+  // Made on first use: key generation is the slowest step of these tests.
+  static const fixtures::KeyPair& keyA() { return fixtures::testKeyPair("a"); }
+  static const fixtures::KeyPair& keyB() { return fixtures::testKeyPair("b"); }
   harness::ScratchDir dir;
 };
 
@@ -88,14 +89,14 @@ Members with(Members contents, const std::string& name, const std::string& data)
 
 TEST_F(PackageVerifierTest, AcceptsOnlyThePackageSignedWithItsKey) {
   harness::LogCapture log;
-  selvane::PackageVerifier a(keyA.publicKey), b(keyB.publicKey);
+  selvane::PackageVerifier a(keyA().publicKey), b(keyB().publicKey);
   EXPECT_TRUE(a.verifyPackage(signedByA));
   EXPECT_FALSE(b.verifyPackage(signedByA));
   EXPECT_FALSE(a.verifyPackage(unsignedPackage));
 
   const std::string signedByB = dir / "hello-b.ipk";
   harness::shell("cp '" + unsignedPackage + "' '" + signedByB + "'");
-  fixtures::signWithOpenssl(signedByB, keyB.privateKey);
+  fixtures::signWithOpenssl(signedByB, keyB().privateKey);
   EXPECT_TRUE(b.verifyPackage(signedByB));
   EXPECT_FALSE(a.verifyPackage(signedByB));
   // A verifier keeps nothing from one package to the next.
@@ -120,7 +121,7 @@ TEST_F(PackageVerifierTest, TheNamesAreExportedWithCLinkage) {
 }
 
 TEST_F(PackageVerifierTest, AChangedByteInAnyMemberIsRefusedWithoutALog) {
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   ASSERT_TRUE(verifier.verifyPackage(archive("copy.ipk", members())));
   for (const auto& [name, data] : members()) {
     std::string changed = data;
@@ -133,7 +134,7 @@ TEST_F(PackageVerifierTest, AChangedByteInAnyMemberIsRefusedWithoutALog) {
 }
 
 TEST_F(PackageVerifierTest, AMissingMemberIsNamedAndStopsTheCheck) {
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   for (const char* name : {"debian-binary", "control.tar.gz", "data.tar.gz"}) {
     harness::LogCapture log;
     EXPECT_FALSE(verifier.verifyPackage(archive("missing.ipk", without(members(), name))));
@@ -146,7 +147,7 @@ TEST_F(PackageVerifierTest, AMissingMemberIsNamedAndStopsTheCheck) {
 }
 
 TEST_F(PackageVerifierTest, MemberOrderDoesNotMatterAndLaterDuplicatesAreIgnored) {
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   const Members m = members();
   const Members orders[] = {
       {m[3], m[0], m[1], m[2]},                           // signature first
@@ -162,9 +163,9 @@ TEST_F(PackageVerifierTest, MemberOrderDoesNotMatterAndLaterDuplicatesAreIgnored
 }
 
 TEST_F(PackageVerifierTest, BadSignaturesAreRefused) {
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   const std::string good = fixtures::memberData(signedByA, "signature");
-  const std::string byB = fixtures::opensslSignature(signedByA, keyB.privateKey);
+  const std::string byB = fixtures::opensslSignature(signedByA, keyB().privateKey);
   const std::pair<const char*, std::string> signatures[] = {
       {"empty", ""},
       {"made with another key", byB},
@@ -204,7 +205,7 @@ TEST_F(PackageVerifierTest, FilesThatAreNoArArchiveAreRefusedWithTheReason) {
       // An ar archive without members is a package without members.
       {bare, "D PackageVerifier:FailedToAddFile:file=debian-binary:"},
   };
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   for (const auto& [path, line] : cases) {
     harness::LogCapture log;
     EXPECT_FALSE(verifier.verifyPackage(path)) << path;
@@ -218,13 +219,13 @@ TEST_F(PackageVerifierTest, OnlyAPemPublicKeyIsAKey) {
   const std::string junk = dir / "junk.pem", empty = dir / "empty.pem", link = dir / "link.pem";
   harness::writeFile(junk, "-----BEGIN PUBLIC KEY-----\nbm90IGEga2V5\n-----END PUBLIC KEY-----\n");
   harness::writeFile(empty, "");
-  ASSERT_EQ(symlink(keyA.publicKey.c_str(), link.c_str()), 0);
+  ASSERT_EQ(symlink(keyA().publicKey.c_str(), link.c_str()), 0);
 
   const std::pair<std::string, std::string> refused[] = {
       {dir / "missing.pem", "Unable to find the public key file"},
       {dir.path(), "Unable to find the public key file"},
-      {keyA.certificate, "Unable to load the public key file"},
-      {keyA.privateKey, "Unable to load the public key file"},
+      {keyA().certificate, "Unable to load the public key file"},
+      {keyA().privateKey, "Unable to load the public key file"},
       {junk, "Unable to load the public key file"},
       {empty, "Unable to load the public key file"},
   };
@@ -272,12 +273,12 @@ TEST_F(PackageVerifierTest, NoSingleByteChangeInACoveredByteIsAccepted) {
         fixtures::memberData(package, "data.tar.gz").size() % 2 == 1)
       break;
   }
-  fixtures::signWithOpenssl(package, keyA.privateKey);
+  fixtures::signWithOpenssl(package, keyA().privateKey);
   bytes = harness::readFile(package);
   const std::vector<bool> covered = coveredBytes(bytes);
   ASSERT_LT(std::count(covered.begin(), covered.end(), false), 4 * 32 + 4 * 10 + 3);
 
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   ASSERT_TRUE(verifier.verifyPackage(package));
   const std::string mutant = dir / "mutant-flipped.ipk";
   size_t acceptedUncovered = 0;
@@ -300,7 +301,7 @@ TEST_F(PackageVerifierTest, NoSingleByteChangeInACoveredByteIsAccepted) {
 }
 
 TEST_F(PackageVerifierTest, TruncatedAndRandomPackagesAreRefusedWithoutThrowing) {
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   const std::string bytes = harness::readFile(signedByA);
   const std::string path = dir / "fuzz.ipk";
   for (size_t length = 0; length < bytes.size(); ++length) {
@@ -336,14 +337,14 @@ TEST_F(PackageVerifierTest, MemoryStaysFlatForLargeMembers) {
   ASSERT_EQ(harness::shell("cd '" + dir.path() +
                            "' && ar rc big.ipk debian-binary control.tar.gz data.tar.gz"),
             0);
-  fixtures::signWithOpenssl(package, keyA.privateKey);
+  fixtures::signWithOpenssl(package, keyA().privateKey);
   const std::string hugeSignature = dir / "huge-signature.ipk";
   ASSERT_EQ(
       harness::shell("cp '" + package + "' '" + hugeSignature + "' && cd '" + dir.path() +
                      "' && head -c 64M /dev/zero > signature && ar r huge-signature.ipk signature"),
       0);
 
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   ASSERT_TRUE(verifier.verifyPackage(signedByA));
   const long before = peakResidentKiB();
   EXPECT_TRUE(verifier.verifyPackage(package));
@@ -352,7 +353,7 @@ TEST_F(PackageVerifierTest, MemoryStaysFlatForLargeMembers) {
 }
 
 TEST_F(PackageVerifierTest, OneVerifierServesSeveralThreads) {
-  selvane::PackageVerifier verifier(keyA.publicKey);
+  selvane::PackageVerifier verifier(keyA().publicKey);
   const std::string other = archive("other.ipk", with(members(), "data.tar.gz", "changed"));
   std::vector<std::thread> threads;
   std::vector<int> results(4, -1);
@@ -375,7 +376,7 @@ class PackageVerifierSetTest : public PackageVerifierTest {
   std::string signedByB() {
     const std::string path = dir / "hello-b.ipk";
     harness::shell("cp '" + unsignedPackage + "' '" + path + "'");
-    fixtures::signWithOpenssl(path, keyB.privateKey);
+    fixtures::signWithOpenssl(path, keyB().privateKey);
     return path;
   }
   static std::string success(const std::string& path) {
@@ -389,7 +390,7 @@ class PackageVerifierSetTest : public PackageVerifierTest {
 };
 
 TEST_F(PackageVerifierSetTest, AnUnusableDirectoryThrows) {
-  for (const std::string& path : {keyA.publicKey, dir / "missing", std::string()}) {
+  for (const std::string& path : {keyA().publicKey, dir / "missing", std::string()}) {
     try {
       selvane::PackageVerifierSet set(path);
       ADD_FAILURE() << path;
@@ -410,11 +411,11 @@ TEST_F(PackageVerifierSetTest, EveryRegularFileIsTriedAndNothingElse) {
   const std::string keys = dir / "keys";
   ASSERT_EQ(mkdir(keys.c_str(), 0755), 0);
   ASSERT_EQ(mkdir((keys + "/nested").c_str(), 0755), 0);
-  harness::shell("cp '" + keyA.publicKey + "' '" + keys + "/a.pub' && cp '" + keyB.publicKey +
+  harness::shell("cp '" + keyA().publicKey + "' '" + keys + "/a.pub' && cp '" + keyB().publicKey +
                  "' '" + keys + "/nested/b.pub'");
   harness::writeFile(keys + "/README", "keys of the release publishers\n");
-  harness::shell("cp '" + keyA.certificate + "' '" + keys + "/a.crt' && cp '" + keyA.privateKey +
-                 "' '" + keys + "/a.key'");
+  harness::shell("cp '" + keyA().certificate + "' '" + keys + "/a.crt' && cp '" +
+                 keyA().privateKey + "' '" + keys + "/a.key'");
   ASSERT_EQ(symlink((dir / "gone.pub").c_str(), (keys + "/dangling.pub").c_str()), 0);
   ASSERT_EQ(symlink("nested", (keys + "/nested-link").c_str()), 0);
 
@@ -444,9 +445,9 @@ TEST_F(PackageVerifierSetTest, EveryRegularFileIsTriedAndNothingElse) {
 
 TEST_F(PackageVerifierSetTest, AnyKeyMayAcceptAndEachKeyReportsItsOwnFailure) {
   selvane::PackageVerifierSet set(dir.path());
-  set.addKey(keyA.publicKey);
-  set.addKey(keyB.publicKey);
-  set.addKey(keyA.certificate);  // skipped
+  set.addKey(keyA().publicKey);
+  set.addKey(keyB().publicKey);
+  set.addKey(keyA().certificate);  // skipped
   harness::LogCapture log;
   EXPECT_TRUE(set.verifyPackage(signedByB()));
   EXPECT_TRUE(set.verifyPackage(signedByA));

@@ -56,8 +56,9 @@ class SelvanePackTest : public ::testing::Test {
     return fixtures::buildPackage(spec, dir.path());
   }
 
-  const fixtures::KeyPair& keyA = fixtures::testKeyPair("a");
-  const fixtures::KeyPair& keyB = fixtures::testKeyPair("b");
+  // Made on first use: key generation is the slowest step of these tests.
+  static const fixtures::KeyPair& keyA() { return fixtures::testKeyPair("a"); }
+  static const fixtures::KeyPair& keyB() { return fixtures::testKeyPair("b"); }
   harness::ScratchDir dir, scratch;
 };
 
@@ -66,11 +67,11 @@ TEST_F(SelvanePackTest, SignsExactlyWhatOpensslSignsAndTheVerifierChecks) {
   ASSERT_EQ(chmod(pkg.c_str(), 0640), 0);
   const std::string original = harness::readFile(pkg);
 
-  const ToolRun signing = run("sign --key " + quote(keyA.privateKey) + " " + quote(pkg));
+  const ToolRun signing = run("sign --key " + quote(keyA().privateKey) + " " + quote(pkg));
   ASSERT_EQ(signing.status, 0) << signing.err;
   EXPECT_EQ(signing.out + signing.err, "");
   EXPECT_EQ(fixtures::memberData(pkg, "signature"),
-            fixtures::opensslSignature(pkg, keyA.privateKey));
+            fixtures::opensslSignature(pkg, keyA().privateKey));
   std::string members;
   harness::shell("ar t " + quote(pkg), &members);
   EXPECT_EQ(members, "debian-binary\ncontrol.tar.gz\ndata.tar.gz\nsignature\n");
@@ -82,7 +83,7 @@ TEST_F(SelvanePackTest, SignsExactlyWhatOpensslSignsAndTheVerifierChecks) {
   ASSERT_EQ(stat(pkg.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0640u);
 
-  selvane::PackageVerifier a(keyA.publicKey), b(keyB.publicKey);
+  selvane::PackageVerifier a(keyA().publicKey), b(keyB().publicKey);
   EXPECT_TRUE(a.verifyPackage(pkg));
   EXPECT_FALSE(b.verifyPackage(pkg));
   EXPECT_EQ(entries(dir.path()), (std::set<std::string>{".", "..", "alpha_1.0-r2_all.ipk"}));
@@ -90,18 +91,18 @@ TEST_F(SelvanePackTest, SignsExactlyWhatOpensslSignsAndTheVerifierChecks) {
 
 TEST_F(SelvanePackTest, SigningAgainReplacesTheSignatureAndOutputCanGoElsewhere) {
   const std::string pkg = package("beta", "2");
-  ASSERT_EQ(run("sign -k " + quote(keyA.privateKey) + " " + quote(pkg)).status, 0);
+  ASSERT_EQ(run("sign -k " + quote(keyA().privateKey) + " " + quote(pkg)).status, 0);
   const std::string signedByA = harness::readFile(pkg);
   const std::string copy = dir / "beta-b.ipk";
   const ToolRun again =
-      run("sign --key " + quote(keyB.privateKey) + " --output " + quote(copy) + " " + quote(pkg));
+      run("sign --key " + quote(keyB().privateKey) + " --output " + quote(copy) + " " + quote(pkg));
   ASSERT_EQ(again.status, 0) << again.err;
   EXPECT_EQ(harness::readFile(pkg), signedByA);
 
   std::string members;
   harness::shell("ar t " + quote(copy), &members);
   EXPECT_EQ(members, "debian-binary\ncontrol.tar.gz\ndata.tar.gz\nsignature\n");
-  selvane::PackageVerifier a(keyA.publicKey), b(keyB.publicKey);
+  selvane::PackageVerifier a(keyA().publicKey), b(keyB().publicKey);
   EXPECT_TRUE(b.verifyPackage(copy));
   EXPECT_FALSE(a.verifyPackage(copy));
   EXPECT_TRUE(a.verifyPackage(pkg));
@@ -109,7 +110,7 @@ TEST_F(SelvanePackTest, SigningAgainReplacesTheSignatureAndOutputCanGoElsewhere)
   // Signing through a symbolic link replaces the file it points to and keeps the link.
   const std::string link = dir / "beta-link.ipk";
   ASSERT_EQ(symlink(copy.c_str(), link.c_str()), 0);
-  ASSERT_EQ(run("sign --key " + quote(keyA.privateKey) + " " + quote(link)).status, 0);
+  ASSERT_EQ(run("sign --key " + quote(keyA().privateKey) + " " + quote(link)).status, 0);
   struct stat status;
   ASSERT_EQ(lstat(link.c_str(), &status), 0);
   EXPECT_TRUE(S_ISLNK(status.st_mode));
@@ -122,7 +123,7 @@ TEST_F(SelvanePackTest, SigningAgainReplacesTheSignatureAndOutputCanGoElsewhere)
                                {"control.tar.gz", fixtures::memberData(pkg, "control.tar.gz")},
                                {"signature", "older"},
                                {"data.tar.gz", fixtures::memberData(pkg, "data.tar.gz")}});
-  ASSERT_EQ(run("sign --key " + quote(keyA.privateKey) + " " + quote(odd)).status, 0);
+  ASSERT_EQ(run("sign --key " + quote(keyA().privateKey) + " " + quote(odd)).status, 0);
   members.clear();
   harness::shell("ar t " + quote(odd), &members);
   EXPECT_EQ(members, "debian-binary\ncontrol.tar.gz\ndata.tar.gz\nsignature\n");
@@ -137,17 +138,17 @@ TEST_F(SelvanePackTest, SignRefusesBadKeysAndBadPackagesAndChangesNothing) {
                                   {"control.tar.gz", fixtures::memberData(pkg, "control.tar.gz")}});
   const std::string junk = dir / "junk.pem";
   harness::writeFile(junk, "not a key\n");
-  const std::string key = quote(keyA.privateKey);
+  const std::string key = quote(keyA().privateKey);
 
   const std::pair<std::string, std::string> cases[] = {
       {"--key " + quote(dir / "none.pem") + " " + quote(pkg),
        "cannot read key file " + dir / "none.pem" + ": No such file or directory"},
       {"--key " + quote(dir.path()) + " " + quote(pkg),
        "cannot read key file " + dir.path() + ": not a file"},
-      {"--key " + quote(keyA.publicKey) + " " + quote(pkg),
-       keyA.publicKey + " is not a PEM private key"},
-      {"--key " + quote(keyA.certificate) + " " + quote(pkg),
-       keyA.certificate + " is not a PEM private key"},
+      {"--key " + quote(keyA().publicKey) + " " + quote(pkg),
+       keyA().publicKey + " is not a PEM private key"},
+      {"--key " + quote(keyA().certificate) + " " + quote(pkg),
+       keyA().certificate + " is not a PEM private key"},
       {"--key " + quote(junk) + " " + quote(pkg), junk + " is not a PEM private key"},
       {"--key " + key + " " + quote(gzip), gzip + " is not a package: Unable to open archive"},
       {"--key " + key + " " + quote(noData),
@@ -173,7 +174,7 @@ TEST_F(SelvanePackTest, AnUnwritableOutputLeavesNothingBehind) {
   const std::string original = harness::readFile(pkg);
   const std::string sub = dir / "sub";
   ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
-  const std::string key = quote(keyA.privateKey);
+  const std::string key = quote(keyA().privateKey);
 
   ToolRun result =
       run("sign --key " + key + " --output " + quote(dir / "missing/x.ipk") + " " + quote(pkg));
@@ -214,7 +215,7 @@ TEST_F(SelvanePackTest, ManifestRoundTripsThroughTheLibrary) {
                                        package("kernel", "5.10.0+git1"),
                                        package("busybox", "1.35.0")};
   for (const std::string& pkg : packages)
-    ASSERT_EQ(run("sign --key " + quote(keyA.privateKey) + " " + quote(pkg)).status, 0);
+    ASSERT_EQ(run("sign --key " + quote(keyA().privateKey) + " " + quote(pkg)).status, 0);
   for (const std::string base :
        {"https://updates.example/rel/2024.06", "https://updates.example/rel/2024.06/"}) {
     const std::string manifestPath = dir / "manifest.pb";
@@ -254,7 +255,7 @@ TEST_F(SelvanePackTest, ManifestRefusesDuplicatesAndNonPackagesAndKeepsTheOldFil
   const std::string out = dir / "manifest.pb";
   harness::writeFile(out, "the previous manifest");
   for (const std::string& pkg : {alpha, beta, otherAlpha})
-    ASSERT_EQ(run("sign --key " + quote(keyA.privateKey) + " " + quote(pkg)).status, 0);
+    ASSERT_EQ(run("sign --key " + quote(keyA().privateKey) + " " + quote(pkg)).status, 0);
 
   const std::string prefix =
       "manifest --version 2 --base-url http://u --output " + quote(out) + " ";
