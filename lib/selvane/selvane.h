@@ -14,7 +14,10 @@
 #include <selvane/FileUtils.h>
 #include <selvane/MMCDevice.h>
 #include <selvane/MMCPartition.h>
+#include <selvane/Manifest.h>
 #include <selvane/PackageManager.h>
+#include <selvane/PackageVerifier.h>
+#include <selvane/PackageVerifierSet.h>
 #include <selvane/Partition.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryDirectory.h>
