@@ -16,7 +16,7 @@
 
 namespace {
 
-const std::string kTool = SELVANE_BINARY_DIR "/tools/selvane-pack";
+const std::string kTool = SELVANE_BINARY_DIR "/bin/selvane-pack";
 
 struct ToolRun {
   int status;
