@@ -8,13 +8,12 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 
+#include "ErrorText.h"
 #include "Harness.h"
 #include "LabelledPartitions.h"
 
@@ -25,92 +24,98 @@ using selvane::Partition;
 
 // ---- the template methods -------------------------------------------------------------------
 
-// Records every primitive call ("mount /m 33", "unmount /m", "erase", "fsck") and fails the
-// calls listed in failing.
+// Records every primitive call ("mount /m 33", "unmount /m", "erase", "fsck") as one line of
+// text and fails the one call named in failing.
 class ScriptedPartition : public Partition {
  public:
-  std::vector<std::string> calls;
-  std::set<std::string> failing;
+  std::string calls;
+  std::string failing;
 
  protected:
   bool do_mount(const std::string& mountpoint, unsigned long flags) override {
     return record("mount " + mountpoint + " " + std::to_string(flags));
   }
-  bool do_unmount(const std::string& mountpoint) override { return record("unmount " + mountpoint); }
+  bool do_unmount(const std::string& mountpoint) override {
+    return record("unmount " + mountpoint);
+  }
   bool do_erase() override { return record("erase"); }
   bool do_fsck() override { return record("fsck"); }
 
  private:
   bool record(const std::string& call) {
-    calls.push_back(call);
-    return failing.count(call) == 0;
+    calls += (calls.empty() ? "" : "; ") + call;
+    return call != failing;
   }
 };
 
+// Runs an operation ("mount /n ro", "unmount", "remount_rw", "remount_ro", "erase", "check") and
+// returns its outcome: the exception's text, the result of a check, or "".
+std::string run(Partition& partition, const std::string& operation) {
+  try {
+    if (operation.compare(0, 6, "mount ") == 0) {
+      partition.mount(operation.substr(6, 2), operation.substr(9) == "ro");
+    } else if (operation == "unmount") {
+      partition.unmount();
+    } else if (operation == "remount_rw") {
+      partition.remount_rw();
+    } else if (operation == "remount_ro") {
+      partition.remount_ro();
+    } else if (operation == "erase") {
+      partition.erase();
+    } else if (operation == "check") {
+      return partition.checkAndRepair() ? "true" : "false";
+    }
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "";
+}
+
 struct TemplateCase {
-  const char* name;
-  // The state before the action: "" unmounted, "ro" or "rw" mounted on /m in that mode.
-  const char* start;
-  std::function<void(Partition&)> action;
-  std::set<std::string> failing;
-  std::vector<std::string> calls;
-  const char* error;  // the exception's text, or "" for none
-  const char* mountPoint;
-  bool readOnly;
+  const char* start;      // an operation that sets up the state first, or ""
+  const char* operation;  // the operation under test
+  const char* failing;    // the primitive call that fails, or ""
+  const char* calls;      // the primitive calls the operation makes
+  const char* outcome;    // see run()
+  const char* state;      // afterwards: the mount point (or "-") and the read-only flag
 };
 
 const TemplateCase kTemplateCases[] = {
-    {"mount rw", "", [](Partition& p) { p.mount("/m", false); }, {}, {"mount /m 0", "mount /m 32"},
-     "", "/m", false},
-    {"mount ro", "", [](Partition& p) { p.mount("/m", true); }, {}, {"mount /m 1", "mount /m 33"},
-     "", "/m", true},
-    {"mount elsewhere", "ro", [](Partition& p) { p.mount("/n", false); }, {},
-     {"unmount /m", "mount /n 0", "mount /n 32"}, "", "/n", false},
-    {"failed remount in mount", "", [](Partition& p) { p.mount("/m", true); }, {"mount /m 33"},
-     {"mount /m 1", "mount /m 33"}, "Failed to mount partition", "", false},
-    {"failed first mount", "", [](Partition& p) { p.mount("/m", false); }, {"mount /m 0"},
-     {"mount /m 0"}, "Failed to mount partition", "", false},
-    {"failed unmount before mount", "rw", [](Partition& p) { p.mount("/n", false); },
-     {"unmount /m"}, {"unmount /m"}, "Failed to unmount", "/m", false},
-    {"unmount", "ro", [](Partition& p) { p.unmount(); }, {}, {"unmount /m"}, "", "", true},
-    {"unmount unmounted", "", [](Partition& p) { p.unmount(); }, {}, {}, "", "", false},
-    {"remount rw", "ro", [](Partition& p) { p.remount_rw(); }, {}, {"mount /m 32"}, "", "/m",
-     false},
-    {"remount rw of rw", "rw", [](Partition& p) { p.remount_rw(); }, {}, {}, "", "/m", false},
-    {"failed remount rw", "ro", [](Partition& p) { p.remount_rw(); }, {"mount /m 32"},
-     {"mount /m 32"}, "Failed to remount partition RW", "/m", true},
-    {"remount ro", "rw", [](Partition& p) { p.remount_ro(); }, {}, {"mount /m 33"}, "", "/m", true},
-    {"remount ro of unmounted", "", [](Partition& p) { p.remount_ro(); }, {}, {}, "", "", false},
-    {"failed remount ro", "rw", [](Partition& p) { p.remount_ro(); }, {"mount /m 33"},
-     {"mount /m 33"}, "Failed to remount partition RO", "/m", false},
-    {"erase mounted", "ro", [](Partition& p) { p.erase(); }, {},
-     {"unmount /m", "erase", "mount /m 1", "mount /m 33"}, "", "/m", true},
-    {"erase unmounted", "", [](Partition& p) { p.erase(); }, {}, {"erase"}, "", "", false},
-    {"failed erase", "rw", [](Partition& p) { p.erase(); }, {"erase"}, {"unmount /m", "erase"},
-     "Failed to erase", "", false},
-    {"check mounted", "rw", [](Partition& p) { EXPECT_TRUE(p.checkAndRepair()); }, {},
-     {"unmount /m", "fsck", "mount /m 0", "mount /m 32"}, "", "/m", false},
-    {"failed check", "ro", [](Partition& p) { EXPECT_FALSE(p.checkAndRepair()); }, {"fsck"},
-     {"unmount /m", "fsck"}, "", "", true},
+    {"", "mount /m rw", "", "mount /m 0; mount /m 32", "", "/m rw"},
+    {"", "mount /m ro", "", "mount /m 1; mount /m 33", "", "/m ro"},
+    {"mount /m ro", "mount /n rw", "", "unmount /m; mount /n 0; mount /n 32", "", "/n rw"},
+    {"", "mount /m ro", "mount /m 33", "mount /m 1; mount /m 33", "Failed to mount partition",
+     "- rw"},
+    {"", "mount /m rw", "mount /m 0", "mount /m 0", "Failed to mount partition", "- rw"},
+    {"mount /m rw", "mount /n rw", "unmount /m", "unmount /m", "Failed to unmount", "/m rw"},
+    {"mount /m ro", "unmount", "", "unmount /m", "", "- ro"},
+    {"", "unmount", "", "", "", "- rw"},
+    {"mount /m ro", "remount_rw", "", "mount /m 32", "", "/m rw"},
+    {"mount /m rw", "remount_rw", "", "", "", "/m rw"},
+    {"mount /m ro", "remount_rw", "mount /m 32", "mount /m 32", "Failed to remount partition RW",
+     "/m ro"},
+    {"mount /m rw", "remount_ro", "", "mount /m 33", "", "/m ro"},
+    {"", "remount_ro", "", "", "", "- rw"},
+    {"mount /m rw", "remount_ro", "mount /m 33", "mount /m 33", "Failed to remount partition RO",
+     "/m rw"},
+    {"mount /m ro", "erase", "", "unmount /m; erase; mount /m 1; mount /m 33", "", "/m ro"},
+    {"", "erase", "", "erase", "", "- rw"},
+    {"mount /m rw", "erase", "erase", "unmount /m; erase", "Failed to erase", "- rw"},
+    {"mount /m rw", "check", "", "unmount /m; fsck; mount /m 0; mount /m 32", "true", "/m rw"},
+    {"mount /m ro", "check", "fsck", "unmount /m; fsck", "false", "- ro"},
 };
 
 TEST(Partition, TemplateMethodsCallThePrimitivesInOrder) {
   for (const TemplateCase& c : kTemplateCases) {
-    SCOPED_TRACE(c.name);
-    ScriptedPartition p;
-    if (*c.start != '\0') p.mount("/m", std::string(c.start) == "ro");
-    p.calls.clear();
-    p.failing = c.failing;
-    std::string error;
-    try {
-      c.action(p);
-    } catch (const std::runtime_error& e) {
-      error = e.what();
-    }
-    EXPECT_EQ(error, c.error);
-    EXPECT_EQ(p.calls, c.calls);
-    EXPECT_EQ(p.getMountPoint(), c.mountPoint);
-    EXPECT_EQ(p.isReadOnly(), c.readOnly);
+    SCOPED_TRACE(std::string(c.start) + " then " + c.operation);
+    ScriptedPartition partition;
+    ASSERT_EQ(run(partition, c.start), "");
+    partition.calls.clear();
+    partition.failing = c.failing;
+    EXPECT_EQ(run(partition, c.operation), c.outcome);
+    EXPECT_EQ(partition.calls, c.calls);
+    const std::string point = partition.getMountPoint();
+    EXPECT_EQ((point.empty() ? "-" : point) + (partition.isReadOnly() ? " ro" : " rw"), c.state);
   }
 }
 
@@ -122,8 +127,8 @@ const char kLink[] = "/dev/disk/by-partlabel/main-B";
 std::string mountedMode(const std::string& device, const std::string& path) {
   struct stat st;
   if (stat(device.c_str(), &st) != 0) return "?";
-  const std::string numbers = std::to_string(major(st.st_rdev)) + ":" +
-                              std::to_string(minor(st.st_rdev));
+  const std::string numbers =
+      std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
   std::ifstream in("/proc/self/mountinfo");
   std::string line;
   while (std::getline(in, line)) {
@@ -235,8 +240,8 @@ TEST_F(MMCPartitionTest, EraseLeavesAnEmptyFilesystemWhereItWas) {
     log.clear();
 
     partition.erase();
-    EXPECT_TRUE(log.contains("I MMCPartition:do_erase:device=" + std::string(kLink) +
-                             ":Partition erased"));
+    EXPECT_TRUE(
+        log.contains("I MMCPartition:do_erase:device=" + std::string(kLink) + ":Partition erased"));
     EXPECT_EQ(partition.getMountPoint(), point);
     EXPECT_EQ(mountedMode(device, point), readOnly ? "ro" : "rw");
     EXPECT_NE(access((point + "/old-file").c_str(), F_OK), 0);
@@ -277,16 +282,13 @@ TEST_F(MMCPartitionTest, MountFailsOnADeviceWithoutExt3) {
   disks->add("main-A", 1 << 20);
   MMCPartition partition("/dev/disk/by-partlabel/main-A");
   const std::string point = dir("point");
-  try {
-    partition.mount(point, false);
-    FAIL() << "mounted a device without a filesystem";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Failed to mount partition");
-  }
+  EXPECT_EQ(fixtures::errorText([&] { partition.mount(point, false); }),
+            "Failed to mount partition");
   EXPECT_EQ(partition.getMountPoint(), "");
   EXPECT_EQ(log.startingWith("E MMCPartition:mount:"),
             std::vector<std::string>{"E MMCPartition:mount:dev=/dev/disk/by-partlabel/main-A,"
-                                     "location=" + point + ",errno=22:Failed to mount device"});
+                                     "location=" +
+                                     point + ",errno=22:Failed to mount device"});
   EXPECT_TRUE(log.contains("I MMCPartition:do_mount:status=-1,mount_flags=0:mount status"));
 }
 
@@ -296,12 +298,7 @@ TEST_F(MMCPartitionTest, UnmountOfABusyPartitionFailsAndKeepsTheMount) {
   partition.mount(point, false);
   const int fd = open((point + "/busy").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
   ASSERT_GE(fd, 0);
-  try {
-    partition.unmount();
-    FAIL() << "unmounted a busy filesystem";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Failed to unmount");
-  }
+  EXPECT_EQ(fixtures::errorText([&] { partition.unmount(); }), "Failed to unmount");
   EXPECT_TRUE(log.contains("E MMCPartition:umount:errno=16:Failed to unmount"));
   EXPECT_TRUE(log.contains("I MMCPartition:do_unmount:status=-1:umount status"));
   EXPECT_EQ(partition.getMountPoint(), point);
@@ -339,12 +336,7 @@ TEST_F(MMCPartitionTest, DestructorUnmountsAndReportsABusyMount) {
 TEST(MMCPartitionErase, FailsWhenMkfsFails) {
   harness::LogCapture log;
   MMCPartition partition("/nonexistent/selvane-device");
-  try {
-    partition.erase();
-    FAIL() << "erased a missing device";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Failed to erase");
-  }
+  EXPECT_EQ(fixtures::errorText([&] { partition.erase(); }), "Failed to erase");
   EXPECT_TRUE(log.contains(
       "E MMCPartition:do_erase:device=/nonexistent/selvane-device:Failed to erase partition"));
 }

@@ -1,8 +1,8 @@
 #include "selvane/Device.h"
 
+#include <util/BoardInfo.h>
 #include <boost/make_shared.hpp>
 #include <stdexcept>
-#include <util/BoardInfo.h>
 
 #include "Log.h"
 #include "selvane/BRIX.h"

@@ -3,8 +3,9 @@
 // A device knows which of its two root filesystems is running, hands out the partition of the other
 // one, tells the boot loader which root filesystem to boot next (and how often to retry it), marks
 // a root filesystem as known good, and wipes itself and halts. Device::createSystemDevice() returns
-// the device of the machine it runs on, or throws std::runtime_error("Failed to detect flash type").
-// The free functions below are shared by every device implementation.
+// the device of the machine it runs on; on a board without eMMC flash it throws
+// std::runtime_error("Failed to detect flash type"). The free functions below are shared by every
+// device implementation.
 #ifndef SELVANE_DEVICE_H
 #define SELVANE_DEVICE_H
 

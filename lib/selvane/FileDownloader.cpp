@@ -189,7 +189,9 @@ FileDownloaderError FileDownloader::download(const std::string& url, int fd) {
     close(copy);
     return Error(Error::GeneralError, "Unable to open the fd", url);
   }
-  // As above, a thrown error leaves the stream open.
+  // Unbuffered, so that what libcurl delivered is in the file even when the transfer then ends
+  // by a thrown error, which (as above) leaves the stream open.
+  setvbuf(stream, nullptr, _IONBF, 0);
   const FileDownloaderError result =
       download(url, reinterpret_cast<WriteCallback>(&std::fwrite), stream);
   fclose(stream);
@@ -199,7 +201,8 @@ FileDownloaderError FileDownloader::download(const std::string& url, int fd) {
 FileDownloaderError FileDownloader::download(const std::string& url, WriteCallback callback,
                                              const void* userdata) {
   Error result(Error::NoError, "OK", url);
-  if (callback == nullptr) return Error(Error::GeneralError, "Provided Callback cannot be NULL", url);
+  if (callback == nullptr)
+    return Error(Error::GeneralError, "Provided Callback cannot be NULL", url);
 
   // From here on a thrown error leaves SIGPIPE ignored and the one-shot state in place.
   const struct sigaction savedSigpipe = ignoreSigpipe();
@@ -210,7 +213,8 @@ FileDownloaderError FileDownloader::download(const std::string& url, WriteCallba
   SELVANE_SET_OPTION(h, CURLOPT_URL, url.c_str(), url);
   HeaderList headers = buildHeaderList(m_headers, url);
   SELVANE_SET_OPTION(h, CURLOPT_HTTPHEADER, headers.get(), url);
-  if (m_http200Aliases != nullptr) SELVANE_SET_OPTION(h, CURLOPT_HTTP200ALIASES, m_http200Aliases, url);
+  if (m_http200Aliases != nullptr)
+    SELVANE_SET_OPTION(h, CURLOPT_HTTP200ALIASES, m_http200Aliases, url);
   SELVANE_SET_OPTION(h, CURLOPT_WRITEDATA, data, url);
   SELVANE_SET_OPTION(h, CURLOPT_WRITEFUNCTION, callback, url);
   if (m_bufferSize != 0) {

@@ -33,7 +33,8 @@ class FileDownloaderError {
   // " (message)" unless the message is empty.
   std::string errorString() const;
 
-  // Writes "E selvane:FileDownloader:reason=error,url=<url>:<errorString()>" unless code is NoError.
+  // Writes "E selvane:FileDownloader:reason=error,url=<url>:<errorString()>" unless code is
+  // NoError.
   void logError() const;
 
   ErrorCode code;

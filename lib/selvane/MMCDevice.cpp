@@ -14,9 +14,12 @@ namespace {
 const char ROOTFS_A_DEVICE[] = "/dev/disk/by-partlabel/main-A";
 const char ROOTFS_B_DEVICE[] = "/dev/disk/by-partlabel/main-B";
 
-const char* wipe_mmcblks[] = {"/dev/disk/by-partlabel/boot",   "/dev/disk/by-partlabel/brix",
-                              "/dev/disk/by-partlabel/mfg",    "/dev/disk/by-partlabel/main-A",
-                              "/dev/disk/by-partlabel/main-B", "/dev/disk/by-partlabel/data",
+const char* wipe_mmcblks[] = {"/dev/disk/by-partlabel/boot",
+                              "/dev/disk/by-partlabel/brix",
+                              "/dev/disk/by-partlabel/mfg",
+                              "/dev/disk/by-partlabel/main-A",
+                              "/dev/disk/by-partlabel/main-B",
+                              "/dev/disk/by-partlabel/data",
                               nullptr};
 
 }  // namespace

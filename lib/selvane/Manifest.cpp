@@ -20,8 +20,11 @@ Manifest::Manifest(const std::string& path) {
   std::ifstream in(path.c_str());
   if (in.fail()) throw std::runtime_error("File does not exist: " + path);
 
+  // Parsed in two steps only because the one-step parse also writes a line about missing
+  // required fields to stderr; the outcome is the same.
   ::Manifest message;
-  if (!message.ParseFromIstream(&in)) throw std::runtime_error("Failed to parse file: " + path);
+  if (!message.ParsePartialFromIstream(&in) || !message.IsInitialized())
+    throw std::runtime_error("Failed to parse file: " + path);
 
   for (const ::Package& entry : message.packages()) {
     packages.emplace_back(entry.name(), entry.version(), entry.size(), entry.url(), entry.sha256());

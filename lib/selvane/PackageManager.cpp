@@ -42,17 +42,28 @@ const char kTargetOpkg[] = "/usr/bin/opkg-cl";
 const char kScratchDirectory[] = "/var/local/lib/selvane";
 
 // The device's own architecture comes last, with the highest priority.
-const char* const kOpkgConfiguration[] = {
-    "arch all 1",          "arch any 6",         "arch noarch 11",        "arch arm 16",
-    "arch armv4 21",       "arch armv5 26",      "arch armv5-vfp 31",     "arch armv5e 36",
-    "arch armv5e-vfp 41",  "arch armv6-vfp 46",  "arch armv7a 51",        "arch armv7a-vfp 56",
-    "arch armv7a-vfp-neon 61", "arch vindal 66", "dest root /"};
+const char* const kOpkgConfiguration[] = {"arch all 1",
+                                          "arch any 6",
+                                          "arch noarch 11",
+                                          "arch arm 16",
+                                          "arch armv4 21",
+                                          "arch armv5 26",
+                                          "arch armv5-vfp 31",
+                                          "arch armv5e 36",
+                                          "arch armv5e-vfp 41",
+                                          "arch armv6-vfp 46",
+                                          "arch armv7a 51",
+                                          "arch armv7a-vfp 56",
+                                          "arch armv7a-vfp-neon 61",
+                                          "arch vindal 66",
+                                          "dest root /"};
 
 // Configured one by one before everything else, so that the rest finds users, groups and shells.
 const char* const kBasePackages[] = {"base-files", "base-passwd", "busybox", "netbase", nullptr};
 const int kConfigureAttempts = 3;
 
-// The release's own bookkeeping package, never reported as an installed package.
+// The release's own bookkeeping package, left out of the list when its stanza ends in an empty
+// line.
 const char kManifestPackage[] = "vindal-manifest";
 
 // The environment of every command run inside the target root.
@@ -278,8 +289,9 @@ bool PackageManager::installPackage(const std::string& packagePath, int timeout)
 bool PackageManager::removePackage(const std::string& packageName, int timeout) {
   SELVANE_LOG_I("PackageManager:removePackage:package=%s:Removing package", packageName.c_str());
   const ChrootEnvironment environment(root);
-  CommandLine command{kTargetOpkg,       "remove",        "--force-remove",     "--nodeps",
-                      "--force-depends", "--force-maintainer", packageName};
+  CommandLine command{kTargetOpkg, "remove",          "--force-remove",
+                      "--nodeps",  "--force-depends", "--force-maintainer",
+                      packageName};
   ChrootExecutor executor(root, command.argv(), chrootEnvironment());
   verified = false;
   return executor.waitExecute(timeout) == 0;

@@ -1,8 +1,8 @@
 // The property store on a U-Boot environment. See brix.h for the rules it follows.
 #include "brix.h"
 
-// libuboot.h uses size_t without including its definition.
-#include <stddef.h>
+#include <stddef.h>  // before libuboot.h, which uses size_t without including its definition
+
 #include <libuboot.h>
 
 #include <fcntl.h>

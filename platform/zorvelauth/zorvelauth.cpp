@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
@@ -60,8 +61,7 @@ Date::Date(std::time_t secondsSinceEpoch) {
 
 CanonicalizedResource::CanonicalizedResource(const std::string& url) {
   const size_t schemeEnd = url.find("://");
-  if (schemeEnd == std::string::npos || schemeEnd == 0 ||
-      url.find_first_of("/?#") < schemeEnd) {
+  if (schemeEnd == std::string::npos || schemeEnd == 0 || url.find_first_of("/?#") < schemeEnd) {
     throw std::invalid_argument("zorvelauth: not an absolute URL: " + url);
   }
   const size_t authority = schemeEnd + 3;

@@ -10,9 +10,10 @@
 #   opkg [OPTIONS] remove NAME...            run prerm, delete the package's files, run postrm
 #   opkg [OPTIONS] list-installed            "NAME - VERSION" for every unpacked or installed package
 #
-# Options: --offline-root=DIR (-o DIR), --conf=FILE (-f FILE), --tmp-dir=DIR (-t DIR); the force
-# options --force-depends, --force-downgrade, --force-maintainer, --force-remove,
-# --force-reinstall, --force-overwrite and --nodeps are accepted. Dependencies are never resolved.
+# Options, anywhere on the line: --offline-root=DIR (-o DIR), --conf=FILE (-f FILE), --tmp-dir=DIR
+# (-t DIR); the force options --force-depends, --force-downgrade, --force-maintainer,
+# --force-remove, --force-reinstall, --force-overwrite and --nodeps are accepted. Dependencies are
+# never resolved. Work files go below the --tmp-dir directory only (default $TMPDIR or /tmp).
 #
 # Packages are ar archives with debian-binary, control.tar.gz and data.tar.gz. The configuration
 # file (default ROOT/etc/opkg/opkg.conf, if any) gives "arch NAME PRIORITY" lines, which restrict
@@ -216,11 +217,13 @@ run_script_file() {
   script=$1
   shift
   [ -z "$ROOT" ] && [ -f "$script" ] || return 0
-  if [ -x "$script" ]; then
-    (cd / && PKG_ROOT=/ "$script" "$@")
-  else
-    (cd / && PKG_ROOT=/ sh "$script" "$@")
-  fi
+  # A script without an interpreter line, or one that may not be executed, is fed to sh.
+  first=
+  IFS= read -r first <"$script" || :
+  case "$first" in
+    '#!'*) [ -x "$script" ] && { (cd / && PKG_ROOT=/ "$script" "$@"); return; } ;;
+  esac
+  (cd / && PKG_ROOT=/ sh "$script" "$@")
 }
 
 # Runs the installed script NAME.$2 of the database with the remaining arguments.
@@ -307,16 +310,12 @@ install_one() {
     return 0
   }
   old=$(status_field "$NAME" Version)
-  if [ "$old" = "$VERSION" ]; then
-    echo "Reinstalling $NAME ($VERSION) on root."
-    run_script_file "$WORK/control/preinst" upgrade "$old" || die "preinst script of $NAME failed"
-  elif [ -n "$old" ]; then
-    echo "Upgrading $NAME from $old to $VERSION on root."
-    run_script_file "$WORK/control/preinst" upgrade "$old" || die "preinst script of $NAME failed"
-  else
-    echo "Installing $NAME ($VERSION) on root."
-    run_script_file "$WORK/control/preinst" install || die "preinst script of $NAME failed"
-  fi
+  case "$old" in
+    "") echo "Installing $NAME ($VERSION) on root." && set -- install ;;
+    "$VERSION") echo "Reinstalling $NAME ($VERSION) on root." && set -- upgrade "$old" ;;
+    *) echo "Upgrading $NAME from $old to $VERSION on root." && set -- upgrade "$old" ;;
+  esac
+  run_script_file "$WORK/control/preinst" "$@" || die "preinst script of $NAME failed"
 
   target=$ROOT$DEST
   mkdir -p "$target" "$INFO" || die "cannot create $target or $INFO"
@@ -402,29 +401,41 @@ remove_one() {
 
 # ---- command line ----------------------------------------------------------------------------
 
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --offline-root=*) ROOT=${1#*=} ;;
-    --conf=*) CONF=${1#*=} ;;
-    --tmp-dir=*) TMP_DIR=${1#*=} ;;
+# Options may stand anywhere, as with getopt: each argument is taken from the front, and what is
+# not an option goes back at the end, so that only the operands remain, in their order.
+remaining=$#
+while [ "$remaining" -gt 0 ]; do
+  arg=$1
+  shift
+  remaining=$((remaining - 1))
+  case "$arg" in
+    --offline-root=*) ROOT=${arg#*=} ;;
+    --conf=*) CONF=${arg#*=} ;;
+    --tmp-dir=*) TMP_DIR=${arg#*=} ;;
     -o | --offline-root | -f | --conf | -t | --tmp-dir)
-      [ $# -ge 2 ] || usage "option $1 needs an argument"
-      case "$1" in
-        -o | --offline-root) ROOT=$2 ;;
-        -f | --conf) CONF=$2 ;;
-        *) TMP_DIR=$2 ;;
+      [ "$remaining" -gt 0 ] || usage "option $arg needs an argument"
+      case "$arg" in
+        -o | --offline-root) ROOT=$1 ;;
+        -f | --conf) CONF=$1 ;;
+        *) TMP_DIR=$1 ;;
       esac
       shift
+      remaining=$((remaining - 1))
       ;;
     --force-downgrade) FORCE_DOWNGRADE=1 ;;
     --force-reinstall) FORCE_REINSTALL=1 ;;
     --force-remove) FORCE_REMOVE=1 ;;
     --nodeps | --force-depends | --force-maintainer | --force-overwrite) ;;
-    --) shift; break ;;
-    -*) usage "unknown option $1" ;;
-    *) break ;;
+    --)
+      while [ "$remaining" -gt 0 ]; do
+        set -- "$@" "$1"
+        shift
+        remaining=$((remaining - 1))
+      done
+      ;;
+    -?*) usage "unknown option $arg" ;;
+    *) set -- "$@" "$arg" ;;
   esac
-  shift
 done
 [ $# -gt 0 ] || usage "no sub-command given"
 command=$1

@@ -17,8 +17,13 @@ void throwSystemError(const std::string& what, int error) {
   throw ToolError(what + ": " + std::strerror(error));
 }
 
-OutputFile::OutputFile(const std::string& path) : destination(path) {
-  std::string pattern = path + ".XXXXXX";
+OutputFile::OutputFile(const std::string& path) : destination(path), target(path) {
+  // An existing symbolic link keeps pointing at the new file: its target is what gets replaced.
+  if (char* resolved = realpath(path.c_str(), nullptr)) {
+    target = resolved;
+    free(resolved);
+  }
+  std::string pattern = target + ".XXXXXX";
   fd = mkostemp(pattern.data(), O_CLOEXEC);
   if (fd < 0) throwSystemError("cannot create " + path, errno);
   temporary = pattern;
@@ -47,7 +52,7 @@ void OutputFile::commit(mode_t mode) {
   const int closed = close(fd);
   fd = -1;
   if (closed != 0) throwSystemError("cannot write " + destination, errno);
-  if (rename(temporary.c_str(), destination.c_str()) != 0)
+  if (rename(temporary.c_str(), target.c_str()) != 0)
     throwSystemError("cannot write " + destination, errno);
   temporary.clear();
 }

@@ -26,7 +26,8 @@ class OutputFile {
   void commit(mode_t mode);
 
  private:
-  std::string destination;
+  std::string destination;  // as the user named it, for messages
+  std::string target;       // where the file goes, links resolved
   std::string temporary;
   int fd = -1;
 };

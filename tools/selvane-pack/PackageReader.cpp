@@ -2,6 +2,9 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 
 #include "Error.h"
 
@@ -20,6 +23,9 @@ std::string errorText(archive* handle) {
 void PackageReader::Deleter::operator()(archive* handle) const { archive_read_free(handle); }
 
 PackageReader::PackageReader(const std::string& path) : path(path), reader(archive_read_new()) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) throwSystemError("cannot read " + path, errno);
+  if (!S_ISREG(status.st_mode)) fail("not a file");
   if (!reader) throw ToolError("out of memory");
   archive_read_support_format_ar(reader.get());
   if (archive_read_open_filename(reader.get(), path.c_str(), kBlockSize) != ARCHIVE_OK)

@@ -27,12 +27,12 @@ extern "C" {
 #endif
 
 #define BRIX_OK 0
-#define BRIX_ERR_NO_CONFIG 1   /* no configuration file, or none of its lines names a copy */
-#define BRIX_ERR_UNREADABLE 2  /* the environment cannot be read (see above) */
-#define BRIX_ERR_TOO_LONG 3    /* value longer than BRIX_VALUE_MAX, or than the caller's buffer */
-#define BRIX_ERR_WRITE 4       /* the environment could not be written */
-#define BRIX_ERR_KEY 5         /* no such property, or a name the store rejects ("" or with '=') */
-#define BRIX_ERR_ARGUMENT 6    /* a null pointer or a buffer size below 1 */
+#define BRIX_ERR_NO_CONFIG 1  /* no configuration file, or none of its lines names a copy */
+#define BRIX_ERR_UNREADABLE 2 /* the environment cannot be read (see above) */
+#define BRIX_ERR_TOO_LONG 3   /* value longer than BRIX_VALUE_MAX, or than the caller's buffer */
+#define BRIX_ERR_WRITE 4      /* the environment could not be written */
+#define BRIX_ERR_KEY 5        /* no such property, or a name the store rejects ("" or with '=') */
+#define BRIX_ERR_ARGUMENT 6   /* a null pointer or a buffer size below 1 */
 
 /* The longest value the store accepts, in bytes. */
 #define BRIX_VALUE_MAX 32

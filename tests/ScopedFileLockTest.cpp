@@ -1,0 +1,71 @@
+// util::ScopedFileLock, the platform's advisory file lock, seen from another process.
+#include <sys/mount.h>
+#include <util/ScopedFileLock.h>
+
+#include <string>
+
+#include "Harness.h"
+
+namespace {
+
+// True when another process could take the lock on path right now.
+bool freeForOthers(const std::string& path) {
+  return harness::shell("flock -n -x '" + path + "' true") == 0;
+}
+
+TEST(ScopedFileLock, HoldsTheFileForItsLifetime) {
+  harness::ScratchDir dir;
+  const std::string path = dir / "lock";
+  {
+    util::ScopedFileLock lock(path, util::ScopedFileLock::LockNow);
+    EXPECT_TRUE(lock.isLocked());
+    EXPECT_FALSE(freeForOthers(path));
+  }
+  EXPECT_TRUE(freeForOthers(path));
+
+  util::ScopedFileLock deferred(path, util::ScopedFileLock::DeferLock);
+  EXPECT_FALSE(deferred.isLocked());
+  EXPECT_TRUE(freeForOthers(path));
+  deferred.lock();
+  deferred.lock();  // a second call changes nothing
+  EXPECT_FALSE(freeForOthers(path));
+  deferred.unlock();
+  EXPECT_TRUE(freeForOthers(path));
+}
+
+TEST(ScopedFileLock, ErrorsNameThePathAndTheReason) {
+  harness::ScratchDir dir;
+  const struct {
+    std::string path;
+    const char* reason;
+  } cases[] = {{dir / "missing/lock", "No such file or directory"}, {dir.path(), "Is a directory"}};
+  for (const auto& c : cases) {
+    try {
+      util::ScopedFileLock lock(c.path, util::ScopedFileLock::LockNow);
+      ADD_FAILURE() << c.path << ": no error";
+    } catch (const util::ScopedFileLockError& e) {
+      const std::string message = e.what();
+      EXPECT_NE(message.find(c.path), std::string::npos) << message;
+      EXPECT_NE(message.find(c.reason), std::string::npos) << message;
+    }
+  }
+}
+
+TEST(ScopedFileLock, LocksAnExistingFileOnAReadOnlyFileSystem) {
+  SELVANE_REQUIRE_ROOT();
+  harness::ScratchDir dir;
+  harness::writeFile(dir / "lock", "");
+  ASSERT_EQ(mount(dir.path().c_str(), dir.path().c_str(), nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, dir.path().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
+            0);
+  {
+    util::ScopedFileLock lock(dir / "lock", util::ScopedFileLock::LockNow);
+    EXPECT_FALSE(freeForOthers(dir / "lock"));
+  }
+  EXPECT_TRUE(freeForOthers(dir / "lock"));
+  EXPECT_THROW(util::ScopedFileLock(dir / "new", util::ScopedFileLock::LockNow),
+               util::ScopedFileLockError);
+  ASSERT_EQ(umount(dir.path().c_str()), 0);
+}
+
+}  // namespace
