@@ -235,6 +235,15 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
             0)
       << out;
   EXPECT_NE(device.bootProperties().find("boot.knowngood=main-B\n"), std::string::npos);
+  ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /run/selvane/selvane-update --json status",
+                       &out),
+            0)
+      << out;
+  EXPECT_NE(out.find("\"current\":\"main-B\",\"other\":\"main-A\",\"current_release\":\"2.0\","
+                     "\"other_release\":\"1.0\""),
+            std::string::npos)
+      << out;
+  EXPECT_NE(out.find("\"hello 1.0\""), std::string::npos) << "main-A's packages are listed: " << out;
 }
 
 TEST_F(UpdateEndToEnd, PackagesThatFailTheirChecksChangeNothing) {

@@ -21,7 +21,9 @@
 # The database is opkg's: ROOT/var/lib/opkg/status (stanzas with Package, Version, Status,
 # Architecture; Status "install ok unpacked" until configured, then "install ok installed") and
 # ROOT/var/lib/opkg/info/NAME.{control,list,preinst,postinst,prerm,postrm,conffiles,sha256sums,...}.
-# The status file is replaced by rename, so readers never see half of it; there is no lock.
+# The status file is replaced by rename, so readers never see half of it. Busybox has no flock, so
+# the tool takes no lock, but like opkg it leaves ROOT/var/lib/opkg/lock in place for readers that
+# lock it (they can do so on a read-only mount only when the file exists).
 # Maintainer scripts are not run in an offline root, and configure refuses to run there. Removal
 # deletes files and links, never directories. A newer installed version is kept unless
 # --force-downgrade is given; the same version is left alone unless --force-reinstall is given.
@@ -110,6 +112,7 @@ status_field() {
 status_rewrite() {
   mkdir -p "$OPKG_DIR" || die "cannot create $OPKG_DIR"
   [ -f "$STATUS" ] || : >"$STATUS" || die "cannot create $STATUS"
+  [ -f "$OPKG_DIR/lock" ] || : >"$OPKG_DIR/lock" || die "cannot create $OPKG_DIR/lock"
   if awk -v name="$1" -v "${3:-_=}" "$2" "$STATUS" >"$STATUS.new"; then
     mv -f "$STATUS.new" "$STATUS" && return 0
   fi
