@@ -87,9 +87,9 @@ class SimulatedDevice {
  public:
   explicit SimulatedDevice(const std::string& dir, const std::string& options = "") : dir(dir) {
     std::string output;
-    created = harness::shell("SELVANE_BIN=" + kBin + " " + kSim + " create " + dir + " " + options +
-                                 " 2>&1",
-                             &output) == 0;
+    created = harness::shell(
+                  "SELVANE_BIN=" + kBin + " " + kSim + " create " + dir + " " + options + " 2>&1",
+                  &output) == 0;
     if (!created) ADD_FAILURE() << "cannot create the simulated device: " << output;
   }
   ~SimulatedDevice() { harness::shell(kSim + " destroy " + dir); }
@@ -230,20 +230,22 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
   ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /usr/bin/hello", &out), 0) << out;
   EXPECT_NE(out.find("hello from release 2.0"), std::string::npos) << out;
   EXPECT_NE(out.find("configured on"), std::string::npos) << "the postinst ran in main-B";
-  ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /run/selvane/selvane-update mark-good",
-                       &out),
-            0)
+  ASSERT_EQ(
+      device.sim("boot " + device.dir + " main-B -- /run/selvane/selvane-update mark-good", &out),
+      0)
       << out;
   EXPECT_NE(device.bootProperties().find("boot.knowngood=main-B\n"), std::string::npos);
-  ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /run/selvane/selvane-update --json status",
-                       &out),
-            0)
+  ASSERT_EQ(
+      device.sim("boot " + device.dir + " main-B -- /run/selvane/selvane-update --json status",
+                 &out),
+      0)
       << out;
   EXPECT_NE(out.find("\"current\":\"main-B\",\"other\":\"main-A\",\"current_release\":\"2.0\","
                      "\"other_release\":\"1.0\""),
             std::string::npos)
       << out;
-  EXPECT_NE(out.find("\"hello 1.0\""), std::string::npos) << "main-A's packages are listed: " << out;
+  EXPECT_NE(out.find("\"hello 1.0\""), std::string::npos)
+      << "main-A's packages are listed: " << out;
 }
 
 TEST_F(UpdateEndToEnd, PackagesThatFailTheirChecksChangeNothing) {
@@ -261,12 +263,17 @@ TEST_F(UpdateEndToEnd, PackagesThatFailTheirChecksChangeNothing) {
     const char* message;
   } cases[] = {
       {"tampered", nullptr,
-       [](const std::string& f) { harness::shell("printf 'X' | dd of=" + f + " bs=1 seek=300 conv=notrunc 2>/dev/null"); },
+       [](const std::string& f) {
+         harness::shell("printf 'X' | dd of=" + f + " bs=1 seek=300 conv=notrunc 2>/dev/null");
+       },
        7, "is not signed by any key"},
-      {"digest", [](const std::string& f) { harness::shell("printf 'X' | dd of=" + f + " bs=1 seek=300 conv=notrunc 2>/dev/null"); },
+      {"digest",
+       [](const std::string& f) {
+         harness::shell("printf 'X' | dd of=" + f + " bs=1 seek=300 conv=notrunc 2>/dev/null");
+       },
        nullptr, 6, "does not match the manifest"},
-      {"truncated", [](const std::string& f) { harness::shell("truncate -s -10 " + f); }, nullptr, 5,
-       "the manifest says"},
+      {"truncated", [](const std::string& f) { harness::shell("truncate -s -10 " + f); }, nullptr,
+       5, "the manifest says"},
       {"unknown-key", nullptr, [&](const std::string& f) { device.sign(f, otherKey); }, 7,
        "is not signed by any key"},
   };
@@ -362,7 +369,8 @@ TEST_F(UpdateEndToEnd, AReleaseWithOneChangedPackageDownloadsOnlyThatPackage) {
   for (int i = 1; i <= 16; ++i) {
     const std::string name = "app" + std::to_string(100 + i).substr(1);
     first.push_back(package(device, withRandomData(name, "1.0", 32 << 10)));
-    second.push_back(i == 7 ? package(device, withRandomData(name, "2.0", 32 << 10)) : first.back());
+    second.push_back(i == 7 ? package(device, withRandomData(name, "2.0", 32 << 10))
+                            : first.back());
   }
   device.publish("twenty-1", first);
   device.publish("twenty-2", second);

@@ -16,12 +16,14 @@ zorvelauth::Credentials loadCredentials(const std::string& path) {
     if (line.empty() || line[0] == '#') continue;
     const size_t equals = line.find('=');
     if (equals == std::string::npos)
-      throw Failure(Exit::Download, "credentials file " + path + ": expected key=value, got '" + line + "'");
+      throw Failure(Exit::Download,
+                    "credentials file " + path + ": expected key=value, got '" + line + "'");
     values[line.substr(0, equals)] = line.substr(equals + 1);
   }
   const std::string id = values["access_key_id"], secret = values["secret_access_key"];
   if (id.empty() || secret.empty())
-    throw Failure(Exit::Download, "credentials file " + path + " needs access_key_id= and secret_access_key=");
+    throw Failure(Exit::Download,
+                  "credentials file " + path + " needs access_key_id= and secret_access_key=");
   try {
     return zorvelauth::Credentials(id, secret);
   } catch (const std::invalid_argument& e) {

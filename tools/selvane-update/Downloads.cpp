@@ -103,11 +103,13 @@ void Downloads::download(const std::string& url, const std::string& path, const 
   }();
   if (interrupted()) {
     std::remove(partial.c_str());
-    throw Failure(Exit::Interrupted, "interrupted while downloading " + what + "; nothing was switched");
+    throw Failure(Exit::Interrupted,
+                  "interrupted while downloading " + what + "; nothing was switched");
   }
   if (result.code != selvane::FileDownloaderError::NoError) {
     std::remove(partial.c_str());
-    throw Failure(Exit::Download, "cannot download " + what + " from " + url + ": " + result.errorString());
+    throw Failure(Exit::Download,
+                  "cannot download " + what + " from " + url + ": " + result.errorString());
   }
   if (std::rename(partial.c_str(), path.c_str()) != 0) {
     throw Failure(Exit::Download, "cannot store " + what + " at " + path);
@@ -121,7 +123,8 @@ void Downloads::check(const selvane::Package& package, const std::string& path) 
                                   " bytes, the manifest says " + std::to_string(package.getSize()));
   }
   if (!selvane::VerifySHA256Sum(path, package.getSHA256())) {
-    throw Failure(Exit::Digest, "the SHA-256 of " + label(package) + " does not match the manifest");
+    throw Failure(Exit::Digest,
+                  "the SHA-256 of " + label(package) + " does not match the manifest");
   }
   if (!verifiers) {
     try {
@@ -131,8 +134,7 @@ void Downloads::check(const selvane::Package& package, const std::string& path) 
     }
   }
   if (!verifiers->verifyPackage(path)) {
-    throw Failure(Exit::Signature,
-                  label(package) + " is not signed by any key in " + options.keys);
+    throw Failure(Exit::Signature, label(package) + " is not signed by any key in " + options.keys);
   }
 }
 
@@ -158,7 +160,10 @@ std::vector<std::string> Downloads::fetch(const std::vector<selvane::Package>& p
   g_progress = &progress;
   progress.begin(total);
   for (const selvane::Package* package : missing) {
-    out.emit(Event("download").add("package", package->getName()).add("url", package->getURL()).add("bytes", static_cast<uint64_t>(package->getSize())),
+    out.emit(Event("download")
+                 .add("package", package->getName())
+                 .add("url", package->getURL())
+                 .add("bytes", static_cast<uint64_t>(package->getSize())),
              "downloading " + package->getName() + " " + package->getVersion() + " (" +
                  humanBytes(package->getSize()) + ")");
     const std::string path = cachePath(*package);

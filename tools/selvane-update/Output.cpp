@@ -88,7 +88,8 @@ Event& Event::add(const std::string& key, const std::vector<std::string>& values
 
 std::string Event::json() const {
   std::string out = "{";
-  for (const auto& [key, value] : fields) out += (out.size() > 1 ? "," : "") + jsonString(key) + ":" + value;
+  for (const auto& [key, value] : fields)
+    out += (out.size() > 1 ? "," : "") + jsonString(key) + ":" + value;
   return out + "}";
 }
 
@@ -127,7 +128,8 @@ void Progress::clear() {
 void Progress::show(bool final) {
   const Clock::time_point now = Clock::now();
   // A terminal bar redraws ten times a second; lines and events come once a second.
-  const auto interval = terminal && !json ? std::chrono::milliseconds(100) : std::chrono::seconds(1);
+  const auto interval =
+      terminal && !json ? std::chrono::milliseconds(100) : std::chrono::seconds(1);
   if (!final && now - lastShown < interval) return;
   lastShown = now;
   const uint64_t done = finished + current;
@@ -150,8 +152,8 @@ void Progress::show(bool final) {
   if (terminal) {
     const unsigned width = 30, filled = percent * width / 100;
     std::fprintf(stderr, "\r[%s%s] %3u%%  %s  %s/s  %.0f s left   ",
-                 std::string(filled, '#').c_str(), std::string(width - filled, '.').c_str(), percent,
-                 amounts.c_str(), humanBytes(static_cast<uint64_t>(rate)).c_str(), left);
+                 std::string(filled, '#').c_str(), std::string(width - filled, '.').c_str(),
+                 percent, amounts.c_str(), humanBytes(static_cast<uint64_t>(rate)).c_str(), left);
     std::fflush(stderr);
     drawn = true;
   } else {

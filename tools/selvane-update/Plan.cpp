@@ -10,7 +10,8 @@ uint64_t Plan::installBytes() const {
   return bytes;
 }
 
-Plan makePlan(const selvane::Manifest& release, const std::map<std::string, std::string>& installed) {
+Plan makePlan(const selvane::Manifest& release,
+              const std::map<std::string, std::string>& installed) {
   Plan plan;
   std::set<std::string> inRelease;
   for (const selvane::Package& package : release.getPackages()) {

@@ -12,15 +12,16 @@
 namespace update {
 
 struct Plan {
-  std::vector<std::string> remove;         // installed, but no longer in the release
-  std::vector<selvane::Package> install;   // new in the release, or at another version
-  std::vector<std::string> unchanged;      // installed at the release's version: no download
+  std::vector<std::string> remove;        // installed, but no longer in the release
+  std::vector<selvane::Package> install;  // new in the release, or at another version
+  std::vector<std::string> unchanged;     // installed at the release's version: no download
   bool empty() const { return remove.empty() && install.empty(); }
   uint64_t installBytes() const;
 };
 
 // Compares the release with what is installed, by package name and version.
-Plan makePlan(const selvane::Manifest& release, const std::map<std::string, std::string>& installed);
+Plan makePlan(const selvane::Manifest& release,
+              const std::map<std::string, std::string>& installed);
 
 }  // namespace update
 

@@ -58,7 +58,8 @@ std::string readRelease(const std::string& root) {
 // One instance at a time: a second one fails at once instead of waiting.
 class InstanceLock {
  public:
-  explicit InstanceLock(const std::string& path) : fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+  explicit InstanceLock(const std::string& path)
+      : fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     if (fd < 0) throw Failure(Exit::AlreadyRunning, "cannot open lock file " + path);
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
       close(fd);
@@ -110,7 +111,8 @@ class MountedRoot {
     try {
       partition->unmount();
     } catch (const std::runtime_error& e) {
-      throw Failure(Exit::Mount, "cannot unmount " + device + " from " + mountpoint + ": " + e.what());
+      throw Failure(Exit::Mount,
+                    "cannot unmount " + device + " from " + mountpoint + ": " + e.what());
     }
     rmdir(mountpoint.c_str());  // the library leaves its temporary mount point behind
     mountpoint.clear();
@@ -155,7 +157,8 @@ boost::shared_ptr<selvane::Device> systemDevice() {
   try {
     return selvane::Device::createSystemDevice();
   } catch (const std::runtime_error& e) {
-    throw Failure(Exit::Mount, std::string("cannot find the device's root filesystems: ") + e.what());
+    throw Failure(Exit::Mount,
+                  std::string("cannot find the device's root filesystems: ") + e.what());
   }
 }
 
@@ -201,7 +204,9 @@ void Updater::install() {
   InstanceLock lock(options.lockFile);
   Downloads downloads(options, out);
   const selvane::Manifest release = downloads.manifest();
-  out.emit(Event("manifest").add("version", release.getVersion()).add("packages", static_cast<uint64_t>(release.getPackages().size())),
+  out.emit(Event("manifest")
+               .add("version", release.getVersion())
+               .add("packages", static_cast<uint64_t>(release.getPackages().size())),
            "release " + release.getVersion() + " with " +
                std::to_string(release.getPackages().size()) + " packages");
 
@@ -215,7 +220,9 @@ void Updater::install() {
   packages.refreshInstalledPackages();
   const Plan plan = makePlan(release, packages.getInstalledPackages());
   if (plan.empty() && bootsOther && readRelease(root.path()) == release.getVersion()) {
-    out.emit(Event("up-to-date").add("release", release.getVersion()).add("rootfs", selvane::labelToText(other)),
+    out.emit(Event("up-to-date")
+                 .add("release", release.getVersion())
+                 .add("rootfs", selvane::labelToText(other)),
              std::string(selvane::labelToText(other)) + " already holds release " +
                  release.getVersion() + " and is selected for the next boot: nothing to do");
     return;
@@ -246,8 +253,9 @@ void Updater::install() {
   for (size_t i = 0; i < files.size(); ++i) {
     const selvane::Package& package = plan.install[i];
     checkInterrupted("installing " + package.getName());
-    out.emit(Event("install").add("package", package.getName()).add("version", package.getVersion()),
-             "installing " + package.getName() + " " + package.getVersion());
+    out.emit(
+        Event("install").add("package", package.getName()).add("version", package.getVersion()),
+        "installing " + package.getName() + " " + package.getVersion());
     if (!packages.installPackage(files[i], options.timeout))
       throw Failure(Exit::Install, "cannot install " + files[i] + " into " + deviceOf(other));
   }
@@ -259,11 +267,13 @@ void Updater::install() {
   out.emit(Event("verify"), "verifying installed files");
   packages.refreshInstalledPackages();
   if (!packages.verifyPackages(false, true))
-    throw Failure(Exit::Verify, "installed files in " + deviceOf(other) + " do not match their packages");
+    throw Failure(Exit::Verify,
+                  "installed files in " + deviceOf(other) + " do not match their packages");
   checkInterrupted("the sanity check");
   out.emit(Event("sanity-check"), "running the sanity check");
   if (!packages.performSanityCheck(options.timeout))
-    throw Failure(Exit::SanityCheck, "/usr/local/bin/ota-sanity-check.sh in " + deviceOf(other) + " failed");
+    throw Failure(Exit::SanityCheck,
+                  "/usr/local/bin/ota-sanity-check.sh in " + deviceOf(other) + " failed");
   writeRelease(root.path(), release.getVersion());
   root.unmount();
   checkInterrupted("the boot switch");
@@ -288,7 +298,9 @@ void Updater::check() {
   packages.refreshInstalledPackages();
   const Plan plan = makePlan(release, packages.getInstalledPackages());
   const uint64_t bytes = downloads.bytesToFetch(plan.install);
-  out.emit(planEvent(plan, bytes).add("release", release.getVersion()).add("rootfs", selvane::labelToText(other)),
+  out.emit(planEvent(plan, bytes)
+               .add("release", release.getVersion())
+               .add("rootfs", selvane::labelToText(other)),
            "release " + release.getVersion() + " for " + selvane::labelToText(other) + "\n" +
                describePlan(plan, bytes));
 }

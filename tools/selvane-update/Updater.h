@@ -13,13 +13,13 @@
 namespace update {
 
 struct Options {
-  std::string manifest;                   // a file or an http(s) URL
-  std::string keys;                       // directory of trusted PEM public keys
-  std::string credentials;                // storage credentials file, for signed downloads
+  std::string manifest;     // a file or an http(s) URL
+  std::string keys;         // directory of trusted PEM public keys
+  std::string credentials;  // storage credentials file, for signed downloads
   std::string cache = "/var/cache/selvane";
   std::string lockFile = "/run/lock/selvane-update.lock";
-  unsigned retries = 3;                   // boot attempts of the new root before falling back
-  int timeout = 600;                      // seconds for each package command
+  unsigned retries = 3;  // boot attempts of the new root before falling back
+  int timeout = 600;     // seconds for each package command
 };
 
 // SIGINT and SIGTERM stop the update at the next safe point.

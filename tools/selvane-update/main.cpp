@@ -40,7 +40,8 @@ unsigned number(const std::string& option, const std::string& text) {
   char* end = nullptr;
   const unsigned long value = std::strtoul(text.c_str(), &end, 10);
   if (text.empty() || *end != '\0' || value > 1000000) {
-    throw update::Failure(update::Exit::Usage, option + " takes a whole number, not '" + text + "'");
+    throw update::Failure(update::Exit::Usage,
+                          option + " takes a whole number, not '" + text + "'");
   }
   return static_cast<unsigned>(value);
 }
@@ -59,9 +60,12 @@ Command parse(int argc, char** argv) {
       {"--keys", [&](const std::string& v) { command.options.keys = v; }},
       {"--credentials", [&](const std::string& v) { command.options.credentials = v; }},
       {"--cache", [&](const std::string& v) { command.options.cache = v; }},
-      {"--retries", [&](const std::string& v) { command.options.retries = number("--retries", v); }},
+      {"--retries",
+       [&](const std::string& v) { command.options.retries = number("--retries", v); }},
       {"--timeout",
-       [&](const std::string& v) { command.options.timeout = static_cast<int>(number("--timeout", v)); }},
+       [&](const std::string& v) {
+         command.options.timeout = static_cast<int>(number("--timeout", v));
+       }},
   };
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
