@@ -74,8 +74,8 @@ class OpkgTool : public ::testing::Test {
                args);
   }
 
-  std::string build(const fixtures::PackageSpec& spec) {
-    return fixtures::buildPackage(spec, pkgs);
+  std::string build(const fixtures::PackageRecipe& recipe) {
+    return fixtures::buildPackage(recipe, pkgs);
   }
   std::string status() { return harness::readFile(root + "/var/lib/opkg/status"); }
   std::string info(const std::string& file) {
@@ -91,31 +91,31 @@ class OpkgTool : public ::testing::Test {
   std::string root, pkgs, tmp, conf;
 };
 
-fixtures::PackageSpec helloSpec() {
-  fixtures::PackageSpec spec;
-  spec.name = "hello";
-  spec.version = "1.0-r1";
-  spec.architecture = "vindal";
-  spec.files["/etc/hello.conf"] = "greeting=hi\n";
-  spec.executables["/usr/bin/hello"] = "#!/bin/sh\necho hi\n";
-  spec.scripts["postinst"] = "#!/bin/sh\necho \"$1 $PKG_ROOT\" > /etc/hello.configured\n";
-  spec.scripts["preinst"] = "#!/bin/sh\necho \"$*\" > /var/hello.preinst\n";
-  spec.scripts["prerm"] = "#!/bin/sh\necho \"$1\" > /var/hello.prerm\n";
-  spec.scripts["postrm"] = "#!/bin/sh\necho \"$1\" > /var/hello.postrm\n";
-  spec.extraControl = "Depends: libc6\n";
-  return spec;
+fixtures::PackageRecipe helloSpec() {
+  fixtures::PackageRecipe recipe;
+  recipe.name = "hello";
+  recipe.version = "1.0-r1";
+  recipe.architecture = "vindal";
+  recipe.files["/etc/hello.conf"] = "greeting=hi\n";
+  recipe.executables["/usr/bin/hello"] = "#!/bin/sh\necho hi\n";
+  recipe.scripts["postinst"] = "#!/bin/sh\necho \"$1 $PKG_ROOT\" > /etc/hello.configured\n";
+  recipe.scripts["preinst"] = "#!/bin/sh\necho \"$*\" > /var/hello.preinst\n";
+  recipe.scripts["prerm"] = "#!/bin/sh\necho \"$1\" > /var/hello.prerm\n";
+  recipe.scripts["postrm"] = "#!/bin/sh\necho \"$1\" > /var/hello.postrm\n";
+  recipe.extraControl = "Depends: libc6\n";
+  return recipe;
 }
 
-fixtures::PackageSpec simpleSpec(const std::string& name, const std::string& version) {
-  fixtures::PackageSpec spec;
-  spec.name = name;
-  spec.version = version;
-  spec.files["/usr/share/" + name + "/version"] = version + "\n";
-  return spec;
+fixtures::PackageRecipe simpleSpec(const std::string& name, const std::string& version) {
+  fixtures::PackageRecipe recipe;
+  recipe.name = name;
+  recipe.version = version;
+  recipe.files["/usr/share/" + name + "/version"] = version + "\n";
+  return recipe;
 }
 
 TEST_F(OpkgTool, InstallUnpacksIntoAnOfflineRootWithBusyboxAppletsOnly) {
-  fixtures::PackageSpec plain = simpleSpec("plain", "2");
+  fixtures::PackageRecipe plain = simpleSpec("plain", "2");
   plain.withSha256Sums = false;
   const Result result = offline(
       "--nodeps --force-depends --force-downgrade --force-maintainer "
@@ -150,9 +150,9 @@ TEST_F(OpkgTool, InstallUnpacksIntoAnOfflineRootWithBusyboxAppletsOnly) {
 }
 
 TEST_F(OpkgTool, UpgradesDowngradesAndReinstalls) {
-  fixtures::PackageSpec v1 = simpleSpec("app", "1.0");
+  fixtures::PackageRecipe v1 = simpleSpec("app", "1.0");
   v1.files["/usr/lib/app/old.so"] = "old";
-  fixtures::PackageSpec v2 = simpleSpec("app", "2.0");
+  fixtures::PackageRecipe v2 = simpleSpec("app", "2.0");
   v2.files["/usr/lib/app/new.so"] = "new";
   const std::string p1 = build(v1), p2 = build(v2);
 
@@ -216,11 +216,11 @@ TEST_F(OpkgTool, RejectsBadInputAndLeavesTheDatabaseAlone) {
   harness::writeFile(pkgs + "/empty.ipk", "");
 
   auto withControl = [&](const std::string& name, const std::string& text) {
-    fixtures::PackageSpec spec = simpleSpec(name, "1");
-    spec.rawControl = text;
-    return build(spec);
+    fixtures::PackageRecipe recipe = simpleSpec(name, "1");
+    recipe.rawControl = text;
+    return build(recipe);
   };
-  fixtures::PackageSpec foreign = simpleSpec("foreign", "1");
+  fixtures::PackageRecipe foreign = simpleSpec("foreign", "1");
   foreign.architecture = "x86_64";
   const std::string options = "--offline-root='" + root + "' --tmp-dir='" + tmp + "'";
 
@@ -292,11 +292,11 @@ TEST_F(OpkgTool, RejectsBadInputAndLeavesTheDatabaseAlone) {
 
 TEST_F(OpkgTool, ConfiguresAndRemovesInsideTheTarget) {
   SELVANE_REQUIRE_ROOT();
-  fixtures::PackageSpec broken = simpleSpec("broken", "1");
+  fixtures::PackageRecipe broken = simpleSpec("broken", "1");
   broken.scripts["postinst"] = "#!/bin/sh\necho 'cannot configure' >&2\nexit 3\n";
-  fixtures::PackageSpec other = simpleSpec("other", "1");
+  fixtures::PackageRecipe other = simpleSpec("other", "1");
   other.scripts["postinst"] = "echo done > /var/other.configured\n";  // no #!: run with sh
-  fixtures::PackageSpec stubborn = simpleSpec("stubborn", "1");
+  fixtures::PackageRecipe stubborn = simpleSpec("stubborn", "1");
   stubborn.scripts["prerm"] = "#!/bin/sh\nexit 1\n";
   const std::string hello = build(helloSpec());
   ASSERT_EQ(offline("install '" + hello + "' '" + build(broken) + "' '" + build(other) + "' '" +

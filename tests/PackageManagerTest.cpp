@@ -49,12 +49,12 @@ Lines mountsBelow(const std::string& root) {
 
 void mkdirs(const std::string& path) { ASSERT_EQ(harness::shell("mkdir -p '" + path + "'"), 0); }
 
-fixtures::PackageSpec packageSpec(const std::string& name, const std::string& version) {
-  fixtures::PackageSpec spec;
-  spec.name = name;
-  spec.version = version;
-  spec.files["/usr/share/" + name + "/data"] = name + " " + version + "\n";
-  return spec;
+fixtures::PackageRecipe packageSpec(const std::string& name, const std::string& version) {
+  fixtures::PackageRecipe recipe;
+  recipe.name = name;
+  recipe.version = version;
+  recipe.files["/usr/share/" + name + "/data"] = name + " " + version + "\n";
+  return recipe;
 }
 
 // ---- package database -----------------------------------------------------------------------
@@ -285,8 +285,8 @@ class PackageOperations : public ::testing::Test {
     fixtures::makeTargetRoot(dir);
     return dir;
   }
-  std::string build(const fixtures::PackageSpec& spec) {
-    return fixtures::buildPackage(spec, pkgs);
+  std::string build(const fixtures::PackageRecipe& recipe) {
+    return fixtures::buildPackage(recipe, pkgs);
   }
 
   harness::ScratchDir scratch;
@@ -297,14 +297,14 @@ TEST_F(PackageOperations, FullCycleOnExt3) {
   fixtures::Ext3Volume volume(scratch.path(), 24);
   const std::string root = makeRoot(volume.mountPoint());
 
-  fixtures::PackageSpec baseFiles = packageSpec("base-files", "3.0.14");
+  fixtures::PackageRecipe baseFiles = packageSpec("base-files", "3.0.14");
   baseFiles.files["/etc/issue"] = "selvane\n";
   baseFiles.scripts["postinst"] = "#!/bin/sh\necho \"$1\" > /etc/base-files.configured\n";
-  fixtures::PackageSpec netbase = packageSpec("netbase", "5.4-r0");
+  fixtures::PackageRecipe netbase = packageSpec("netbase", "5.4-r0");
   netbase.files["/etc/protocols"] = "ip 0 IP\n";
   netbase.scripts["postinst"] =
       "#!/bin/sh\n[ -f /etc/base-files.configured ] && touch /etc/netbase.ok\n";
-  fixtures::PackageSpec app = packageSpec("vindal-app", "1.2-r3");
+  fixtures::PackageRecipe app = packageSpec("vindal-app", "1.2-r3");
   app.architecture = "armv7a-vfp-neon";
   app.executables["/usr/bin/vindal-app"] = "#!/bin/sh\necho app\n";
   // The check sees the chroot as the library sets it up: environment, kernel file systems, /tmp.
@@ -325,10 +325,10 @@ TEST_F(PackageOperations, FullCycleOnExt3) {
 
   harness::LogCapture log;
   selvane::PackageManager manager(root);
-  for (const auto* spec : {&app, &netbase, &baseFiles}) {
-    const std::string package = build(*spec);
+  for (const auto* recipe : {&app, &netbase, &baseFiles}) {
+    const std::string package = build(*recipe);
     log.clear();
-    ASSERT_TRUE(manager.installPackage(package, 60)) << spec->name;
+    ASSERT_TRUE(manager.installPackage(package, 60)) << recipe->name;
     EXPECT_TRUE(
         log.contains("I PackageManager:installPackage:package=" + package + ":Installing package"));
     // The configuration file is the manager's fresh "/tmp/tmp.XXXXXX".
@@ -394,11 +394,11 @@ TEST_F(PackageOperations, FullCycleOnExt3) {
 TEST_F(PackageOperations, CorruptedFilesAreCaughtAndTheirPackagesRemoved) {
   const std::string root = makeRoot(scratch / "root");
   selvane::PackageManager manager(root);
-  fixtures::PackageSpec noSums = packageSpec("d-nosums", "1");
+  fixtures::PackageRecipe noSums = packageSpec("d-nosums", "1");
   noSums.withSha256Sums = false;
-  for (const auto& spec :
+  for (const auto& recipe :
        {packageSpec("a-pkg", "1"), packageSpec("b-pkg", "1"), packageSpec("c-pkg", "1"), noSums})
-    ASSERT_TRUE(manager.installPackage(build(spec), 0)) << spec.name;
+    ASSERT_TRUE(manager.installPackage(build(recipe), 0)) << recipe.name;
   manager.refreshInstalledPackages();
   ASSERT_EQ(manager.getInstalledPackages().size(), 4u);
   harness::writeFile(root + "/usr/share/a-pkg/data", "tampered\n");
@@ -471,9 +471,9 @@ TEST_F(PackageOperations, InstallAndRemoveEdgeCases) {
   EXPECT_EQ(log.startingWith("I PackageManager:verifyPackages:").size(), 1u);
 
   // The configuration file reaches opkg: the device's architecture is accepted, others are not.
-  fixtures::PackageSpec device = packageSpec("device", "1");
+  fixtures::PackageRecipe device = packageSpec("device", "1");
   device.architecture = "vindal";
-  fixtures::PackageSpec foreign = packageSpec("foreign", "1");
+  fixtures::PackageRecipe foreign = packageSpec("foreign", "1");
   foreign.architecture = "x86_64";
   // A scratch directory left over by an earlier run is taken over and removed.
   mkdirs(std::string(kScratch) + "/leftover");
@@ -545,7 +545,7 @@ TEST_F(PackageOperations, InstallThatOutlivesItsTimeoutIsKilled) {
 
 TEST_F(PackageOperations, ConfigureRetriesTheFullRun) {
   const std::string root = makeRoot(scratch / "root");
-  fixtures::PackageSpec flaky = packageSpec("flaky", "1");
+  fixtures::PackageRecipe flaky = packageSpec("flaky", "1");
   flaky.scripts["postinst"] =
       "#!/bin/sh\nn=$(cat /var/flaky.attempts 2>/dev/null || echo 0)\n"
       "n=$((n + 1))\necho $n > /var/flaky.attempts\n[ $n -ge 3 ]\n";
@@ -729,7 +729,7 @@ TEST(PackageManagerHost, NothingIsWrittenOutsideTheTargetRoot) {
   const std::string root = scratch / "root";
   fixtures::makeTargetRoot(root);
   harness::writeFile(root + "/usr/local/bin/ota-sanity-check.sh", "#!/bin/sh\ntouch /ok\n", 0755);
-  fixtures::PackageSpec first = packageSpec("first", "1");
+  fixtures::PackageRecipe first = packageSpec("first", "1");
   first.scripts["postinst"] = "#!/bin/sh\ntouch /etc/first.configured\n";
   first.scripts["prerm"] = "#!/bin/sh\ntouch /etc/first.removed\n";
   mkdirs(scratch / "pkgs");

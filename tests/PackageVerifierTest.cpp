@@ -31,11 +31,11 @@ class PackageVerifierTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     shared = new harness::ScratchDir;
-    fixtures::PackageSpec spec;
-    spec.name = "hello";
-    spec.files["/usr/share/hello/greeting"] = "hello, world\n";
-    spec.scripts["postinst"] = "#!/bin/sh\nexit 0\n";
-    unsignedPackage = fixtures::buildPackage(spec, shared->path());
+    fixtures::PackageRecipe recipe;
+    recipe.name = "hello";
+    recipe.files["/usr/share/hello/greeting"] = "hello, world\n";
+    recipe.scripts["postinst"] = "#!/bin/sh\nexit 0\n";
+    unsignedPackage = fixtures::buildPackage(recipe, shared->path());
     signedByA = *shared / "hello-a.ipk";
     harness::shell("cp '" + unsignedPackage + "' '" + signedByA + "'");
     fixtures::signWithOpenssl(signedByA, fixtures::testKeyPair("a").privateKey);
@@ -265,10 +265,10 @@ TEST_F(PackageVerifierTest, NoSingleByteChangeInACoveredByteIsAccepted) {
   // Build until one member has an odd size, so that a padding byte is exercised too.
   std::string package, bytes;
   for (int attempt = 1; attempt <= 40; ++attempt) {
-    fixtures::PackageSpec spec;
-    spec.name = "mutant";
-    spec.files["/etc/mutant.conf"] = std::string(static_cast<size_t>(attempt), 'm');
-    package = fixtures::buildPackage(spec, dir.path());
+    fixtures::PackageRecipe recipe;
+    recipe.name = "mutant";
+    recipe.files["/etc/mutant.conf"] = std::string(static_cast<size_t>(attempt), 'm');
+    package = fixtures::buildPackage(recipe, dir.path());
     if (fixtures::memberData(package, "control.tar.gz").size() % 2 == 1 ||
         fixtures::memberData(package, "data.tar.gz").size() % 2 == 1)
       break;

@@ -49,11 +49,11 @@ class SelvanePackTest : public ::testing::Test {
   }
 
   std::string package(const std::string& name, const std::string& version) {
-    fixtures::PackageSpec spec;
-    spec.name = name;
-    spec.version = version;
-    spec.files["/usr/share/" + name + "/README"] = name + " " + version + "\n";
-    return fixtures::buildPackage(spec, dir.path());
+    fixtures::PackageRecipe recipe;
+    recipe.name = name;
+    recipe.version = version;
+    recipe.files["/usr/share/" + name + "/README"] = name + " " + version + "\n";
+    return fixtures::buildPackage(recipe, dir.path());
   }
 
   // Made on first use: key generation is the slowest step of these tests.

@@ -182,20 +182,20 @@ class UpdateEndToEnd : public ::testing::Test {
   }
 
   // A package for this device, signed with its release key unless said otherwise.
-  std::string package(const SimulatedDevice& device, fixtures::PackageSpec spec,
+  std::string package(const SimulatedDevice& device, fixtures::PackageRecipe recipe,
                       bool sign = true) const {
-    const std::string path = fixtures::buildPackage(spec, packages.path());
+    const std::string path = fixtures::buildPackage(recipe, packages.path());
     return sign ? device.sign(path) : path;
   }
-  fixtures::PackageSpec withRandomData(const std::string& name, const std::string& version,
+  fixtures::PackageRecipe withRandomData(const std::string& name, const std::string& version,
                                        size_t bytes) const {
-    fixtures::PackageSpec spec;
-    spec.name = name;
-    spec.version = version;
+    fixtures::PackageRecipe recipe;
+    recipe.name = name;
+    recipe.version = version;
     std::string data;
     harness::shell("head -c " + std::to_string(bytes) + " /dev/urandom | base64 -w0", &data);
-    spec.files["/usr/share/" + name + "/data"] = data;
-    return spec;
+    recipe.files["/usr/share/" + name + "/data"] = data;
+    return recipe;
   }
 
   harness::ScratchDir scratch;
@@ -295,7 +295,7 @@ TEST_F(UpdateEndToEnd, PackagesThatFailTheirChecksChangeNothing) {
 TEST_F(UpdateEndToEnd, AFailingSanityCheckKeepsTheBootSelection) {
   SimulatedDevice device(scratch / "device");
   ASSERT_TRUE(device.created);
-  fixtures::PackageSpec broken;  // a base whose check rejects the new root
+  fixtures::PackageRecipe broken;  // a base whose check rejects the new root
   broken.name = "base-files";
   broken.version = "2.0-broken";
   broken.executables["/usr/local/bin/ota-sanity-check.sh"] = "#!/bin/sh\nexit 1\n";
