@@ -188,7 +188,7 @@ class UpdateEndToEnd : public ::testing::Test {
     return sign ? device.sign(path) : path;
   }
   fixtures::PackageRecipe withRandomData(const std::string& name, const std::string& version,
-                                       size_t bytes) const {
+                                         size_t bytes) const {
     fixtures::PackageRecipe recipe;
     recipe.name = name;
     recipe.version = version;
@@ -306,6 +306,16 @@ TEST_F(UpdateEndToEnd, AFailingSanityCheckKeepsTheBootSelection) {
   EXPECT_NE(out.find("ota-sanity-check.sh"), std::string::npos) << out;
   EXPECT_EQ(device.untouchable(), state);
   EXPECT_EQ(device.mounts().find("ota-mount"), std::string::npos);
+
+  // Left pointing at the half-written main-B, the boot selection is pointed back first.
+  ASSERT_EQ(
+      device.sim("run " + device.dir + " -- fw_setenv -c " + device.dir + "/env/fw_env.config -f " +
+                 device.dir + "/env/initial-env boot.bootmode main-B"),
+      0);
+  EXPECT_EQ(device.update(device.install("broken"), &out), 12) << out;
+  EXPECT_NE(out.find("\"event\":\"boot-reset\""), std::string::npos) << out;
+  EXPECT_NE(device.bootProperties().find("boot.bootmode=main-A\n"), std::string::npos);
+  EXPECT_NE(device.bootProperties().find("boot.otaretrycount=0\n"), std::string::npos);
 }
 
 TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARetryCompletesIt) {
