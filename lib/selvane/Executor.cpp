@@ -32,6 +32,7 @@ Executor::Executor(const char** argv, const char** envp) : argv(argv), envp(envp
 }
 
 int Executor::childTask() {
+  if (argv[0] == nullptr) return -1;  // nothing to run: the same result as a failed exec
   char* const* args = const_cast<char* const*>(argv);
   if (envp == nullptr) return execv(argv[0], args);
   return execve(argv[0], args, const_cast<char* const*>(envp));
