@@ -1,16 +1,14 @@
-// Partitions: the template methods over scripted primitives, and MMCPartition on real ext3
-// filesystems on loop devices, named through /dev/disk/by-partlabel inside the test's namespace.
+// Partitions: the template methods over scripted primitives, and MMCPartition on a real ext3
+// filesystem on a loop device, named through /dev/disk/by-partlabel inside the test's namespace.
 #include <fcntl.h>
 #include <selvane/MMCPartition.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 
 #include "ErrorText.h"
@@ -19,6 +17,7 @@
 
 namespace {
 
+using fixtures::errorText;
 using selvane::MMCPartition;
 using selvane::Partition;
 
@@ -28,16 +27,13 @@ using selvane::Partition;
 // text and fails the one call named in failing.
 class ScriptedPartition : public Partition {
  public:
-  std::string calls;
-  std::string failing;
+  std::string calls, failing;
 
  protected:
-  bool do_mount(const std::string& mountpoint, unsigned long flags) override {
-    return record("mount " + mountpoint + " " + std::to_string(flags));
+  bool do_mount(const std::string& point, unsigned long flags) override {
+    return record("mount " + point + " " + std::to_string(flags));
   }
-  bool do_unmount(const std::string& mountpoint) override {
-    return record("unmount " + mountpoint);
-  }
+  bool do_unmount(const std::string& point) override { return record("unmount " + point); }
   bool do_erase() override { return record("erase"); }
   bool do_fsck() override { return record("fsck"); }
 
@@ -48,23 +44,16 @@ class ScriptedPartition : public Partition {
   }
 };
 
-// Runs an operation ("mount /n ro", "unmount", "remount_rw", "remount_ro", "erase", "check") and
-// returns its outcome: the exception's text, the result of a check, or "".
-std::string run(Partition& partition, const std::string& operation) {
+// Runs "mount /n ro", "unmount", "remount_rw", "remount_ro", "erase" or "check" and returns the
+// exception's text, the result of a check, or "".
+std::string run(Partition& partition, const std::string& op) {
   try {
-    if (operation.compare(0, 6, "mount ") == 0) {
-      partition.mount(operation.substr(6, 2), operation.substr(9) == "ro");
-    } else if (operation == "unmount") {
-      partition.unmount();
-    } else if (operation == "remount_rw") {
-      partition.remount_rw();
-    } else if (operation == "remount_ro") {
-      partition.remount_ro();
-    } else if (operation == "erase") {
-      partition.erase();
-    } else if (operation == "check") {
-      return partition.checkAndRepair() ? "true" : "false";
-    }
+    if (op.compare(0, 6, "mount ") == 0) partition.mount(op.substr(6, 2), op.substr(9) == "ro");
+    if (op == "unmount") partition.unmount();
+    if (op == "remount_rw") partition.remount_rw();
+    if (op == "remount_ro") partition.remount_ro();
+    if (op == "erase") partition.erase();
+    if (op == "check") return partition.checkAndRepair() ? "true" : "false";
   } catch (const std::runtime_error& e) {
     return e.what();
   }
@@ -80,28 +69,19 @@ struct TemplateCase {
   const char* state;      // afterwards: the mount point (or "-") and the read-only flag
 };
 
+// Failures and corner cases; MMCPartitionTest shows the ordinary sequences on a real device.
 const TemplateCase kTemplateCases[] = {
-    {"", "mount /m rw", "", "mount /m 0; mount /m 32", "", "/m rw"},
-    {"", "mount /m ro", "", "mount /m 1; mount /m 33", "", "/m ro"},
-    {"mount /m ro", "mount /n rw", "", "unmount /m; mount /n 0; mount /n 32", "", "/n rw"},
     {"", "mount /m ro", "mount /m 33", "mount /m 1; mount /m 33", "Failed to mount partition",
      "- rw"},
-    {"", "mount /m rw", "mount /m 0", "mount /m 0", "Failed to mount partition", "- rw"},
     {"mount /m rw", "mount /n rw", "unmount /m", "unmount /m", "Failed to unmount", "/m rw"},
     {"mount /m ro", "unmount", "", "unmount /m", "", "- ro"},
     {"", "unmount", "", "", "", "- rw"},
-    {"mount /m ro", "remount_rw", "", "mount /m 32", "", "/m rw"},
-    {"mount /m rw", "remount_rw", "", "", "", "/m rw"},
     {"mount /m ro", "remount_rw", "mount /m 32", "mount /m 32", "Failed to remount partition RW",
      "/m ro"},
-    {"mount /m rw", "remount_ro", "", "mount /m 33", "", "/m ro"},
-    {"", "remount_ro", "", "", "", "- rw"},
     {"mount /m rw", "remount_ro", "mount /m 33", "mount /m 33", "Failed to remount partition RO",
      "/m rw"},
     {"mount /m ro", "erase", "", "unmount /m; erase; mount /m 1; mount /m 33", "", "/m ro"},
-    {"", "erase", "", "erase", "", "- rw"},
     {"mount /m rw", "erase", "erase", "unmount /m; erase", "Failed to erase", "- rw"},
-    {"mount /m rw", "check", "", "unmount /m; fsck; mount /m 0; mount /m 32", "true", "/m rw"},
     {"mount /m ro", "check", "fsck", "unmount /m; fsck", "false", "- ro"},
 };
 
@@ -123,23 +103,6 @@ TEST(Partition, TemplateMethodsCallThePrimitivesInOrder) {
 
 const char kLink[] = "/dev/disk/by-partlabel/main-B";
 
-// "ro" or "rw" when the loop device is mounted exactly at path, "" when nothing of it is.
-std::string mountedMode(const std::string& device, const std::string& path) {
-  struct stat st;
-  if (stat(device.c_str(), &st) != 0) return "?";
-  const std::string numbers =
-      std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
-  std::ifstream in("/proc/self/mountinfo");
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::string id, parent, devno, root, point, options;
-    fields >> id >> parent >> devno >> root >> point >> options;
-    if (devno == numbers && point == path) return options.substr(0, 2);
-  }
-  return "";
-}
-
 std::vector<std::string> mountStatus(std::initializer_list<unsigned long> flags) {
   std::vector<std::string> lines;
   for (unsigned long f : flags)
@@ -153,14 +116,19 @@ class MMCPartitionTest : public ::testing::Test {
   void SetUp() override {
     SELVANE_REQUIRE_ROOT();
     disks = std::make_unique<fixtures::LabelledPartitions>(scratch.path());
-    device = disks->add("main-B", 8 << 20, true);
+    device = disks->add("main-B", 8 << 20, fixtures::LabelledPartitions::Ext3);
+    ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
   }
 
-  // A fresh directory to mount on.
-  std::string dir(const std::string& name) {
-    const std::string path = scratch / name;
-    EXPECT_EQ(mkdir(path.c_str(), 0755), 0);
-    return path;
+  // "ro" or "rw" when the partition is mounted on path, "" when it is not.
+  std::string mode(const std::string& path) const {
+    struct stat dev, at;
+    struct statvfs fs;
+    if (stat(device.c_str(), &dev) != 0 || stat(path.c_str(), &at) != 0 ||
+        statvfs(path.c_str(), &fs) != 0)
+      return "?";
+    if (at.st_dev != dev.st_rdev) return "";
+    return fs.f_flag & ST_RDONLY ? "ro" : "rw";
   }
 
   std::vector<std::string> mmcLines() const { return log.startingWith("I MMCPartition:do_mount"); }
@@ -168,72 +136,48 @@ class MMCPartitionTest : public ::testing::Test {
   harness::ScratchDir scratch;
   std::unique_ptr<fixtures::LabelledPartitions> disks;
   std::string device;
+  const std::string point = scratch / "point";  // a directory to mount on
   harness::LogCapture log;
 };
 
-TEST_F(MMCPartitionTest, MountsReadOnlyOnATemporaryDirectory) {
+TEST_F(MMCPartitionTest, MountsAndRemountsOnATemporaryAndOnAGivenDirectory) {
   MMCPartition partition(kLink);
-  const std::string point = partition.mount("", true);
-  EXPECT_TRUE(std::regex_match(point, std::regex("/tmp/ota-mount-[A-Za-z0-9]{6}"))) << point;
-  EXPECT_EQ(mountedMode(device, point), "ro");
+  const std::string temporary = partition.mount("", true);
+  EXPECT_TRUE(std::regex_match(temporary, std::regex("/tmp/ota-mount-[A-Za-z0-9]{6}")))
+      << temporary;
+  EXPECT_EQ(mode(temporary), "ro");
   EXPECT_EQ(mmcLines(), mountStatus({1, 33}));
-  EXPECT_EQ(partition.getMountPoint(), point);
-  EXPECT_TRUE(partition.isReadOnly());
-  EXPECT_LT(open((point + "/new").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644), 0);
-  EXPECT_EQ(errno, EROFS);
 
-  partition.unmount();
-  EXPECT_EQ(mountedMode(device, point), "");
-  EXPECT_EQ(partition.getMountPoint(), "");
-  // The temporary directory is the caller's to remove.
-  EXPECT_EQ(rmdir(point.c_str()), 0);
-}
-
-TEST_F(MMCPartitionTest, MountingElsewhereReleasesTheFirstMount) {
-  MMCPartition partition(kLink);
-  const std::string first = dir("first"), second = dir("second");
-  EXPECT_EQ(partition.mount(first, true), first);
+  // Mounting elsewhere releases the first mount; its directory is the caller's to remove.
   log.clear();
-  EXPECT_EQ(partition.mount(second, false), second);
-  EXPECT_EQ(mountedMode(device, first), "");
-  EXPECT_EQ(mountedMode(device, second), "rw");
+  EXPECT_EQ(partition.mount(point, false), point);
+  EXPECT_EQ(mode(temporary), "");
+  EXPECT_EQ(rmdir(temporary.c_str()), 0);
+  EXPECT_EQ(mode(point), "rw");
   EXPECT_TRUE(log.contains("I MMCPartition:do_unmount:status=0:umount status"));
   EXPECT_EQ(mmcLines(), mountStatus({0, 32}));
-  harness::writeFile(second + "/written", "data");
-}
 
-TEST_F(MMCPartitionTest, RemountsBothWaysAndOnlyWhenNeeded) {
-  MMCPartition partition(kLink);
-  const std::string point = dir("point");
-  partition.mount(point, true);
-  log.clear();
-
-  partition.remount_rw();
-  EXPECT_EQ(mountedMode(device, point), "rw");
-  partition.remount_rw();
-  EXPECT_EQ(mmcLines(), mountStatus({32}));
-  harness::writeFile(point + "/written", "data");
-
+  // Each remount only when needed, and none once unmounted.
   log.clear();
   partition.remount_ro();
-  EXPECT_EQ(mountedMode(device, point), "ro");
-  EXPECT_TRUE(partition.isReadOnly());
   partition.remount_ro();
-  EXPECT_EQ(mmcLines(), mountStatus({33}));
-
+  EXPECT_EQ(mode(point), "ro");
+  partition.remount_rw();
+  partition.remount_rw();
+  EXPECT_EQ(mode(point), "rw");
+  EXPECT_EQ(mmcLines(), mountStatus({33, 32}));
   partition.unmount();
   log.clear();
   partition.remount_rw();
   partition.remount_ro();
   EXPECT_TRUE(mmcLines().empty());
-  EXPECT_EQ(mountedMode(device, point), "");
+  EXPECT_EQ(mode(point), "");
 }
 
-TEST_F(MMCPartitionTest, EraseLeavesAnEmptyFilesystemWhereItWas) {
+TEST_F(MMCPartitionTest, EraseAndCheckLeaveThePartitionMountedAsItWas) {
+  MMCPartition partition(kLink);
   for (bool readOnly : {false, true}) {
     SCOPED_TRACE(readOnly ? "read-only" : "read-write");
-    MMCPartition partition(kLink);
-    const std::string point = dir(readOnly ? "ro" : "rw");
     partition.mount(point, false);
     harness::writeFile(point + "/old-file", "old");
     if (readOnly) partition.remount_ro();
@@ -242,101 +186,60 @@ TEST_F(MMCPartitionTest, EraseLeavesAnEmptyFilesystemWhereItWas) {
     partition.erase();
     EXPECT_TRUE(
         log.contains("I MMCPartition:do_erase:device=" + std::string(kLink) + ":Partition erased"));
-    EXPECT_EQ(partition.getMountPoint(), point);
-    EXPECT_EQ(mountedMode(device, point), readOnly ? "ro" : "rw");
+    EXPECT_EQ(mode(point), readOnly ? "ro" : "rw");
     EXPECT_NE(access((point + "/old-file").c_str(), F_OK), 0);
     EXPECT_EQ(access((point + "/lost+found").c_str(), F_OK), 0);
-    partition.unmount();
+    EXPECT_TRUE(partition.checkAndRepair());
+    EXPECT_EQ(mode(point), readOnly ? "ro" : "rw");
   }
-}
 
-TEST_F(MMCPartitionTest, EraseOfAnUnmountedPartitionLeavesItUnmounted) {
-  MMCPartition partition(kLink);
-  const std::string point = dir("point");
-  partition.mount(point, false);
+  // Unmounted, both leave it unmounted.
+  partition.remount_rw();
   harness::writeFile(point + "/old-file", "old");
   partition.unmount();
-
   partition.erase();
+  EXPECT_TRUE(partition.checkAndRepair());
   EXPECT_EQ(partition.getMountPoint(), "");
-  EXPECT_EQ(mountedMode(device, point), "");
+  EXPECT_EQ(mode(point), "");
   partition.mount(point, true);
   EXPECT_NE(access((point + "/old-file").c_str(), F_OK), 0);
 }
 
-TEST_F(MMCPartitionTest, CheckAndRepairRemountsInPlace) {
-  MMCPartition partition(kLink);
-  const std::string point = dir("point");
-  partition.mount(point, true);
-  EXPECT_TRUE(partition.checkAndRepair());
-  EXPECT_EQ(partition.getMountPoint(), point);
-  EXPECT_EQ(mountedMode(device, point), "ro");
-
-  partition.unmount();
-  EXPECT_TRUE(partition.checkAndRepair());
-  EXPECT_EQ(partition.getMountPoint(), "");
-  EXPECT_EQ(mountedMode(device, point), "");
-}
-
-TEST_F(MMCPartitionTest, MountFailsOnADeviceWithoutExt3) {
-  disks->add("main-A", 1 << 20);
-  MMCPartition partition("/dev/disk/by-partlabel/main-A");
-  const std::string point = dir("point");
-  EXPECT_EQ(fixtures::errorText([&] { partition.mount(point, false); }),
-            "Failed to mount partition");
-  EXPECT_EQ(partition.getMountPoint(), "");
+TEST_F(MMCPartitionTest, FailuresOfMountUnmountAndErase) {
+  disks->add("main-A", 1 << 20);  // no filesystem
+  MMCPartition plain("/dev/disk/by-partlabel/main-A");
+  EXPECT_EQ(errorText([&] { plain.mount(point, false); }), "Failed to mount partition");
+  EXPECT_EQ(plain.getMountPoint(), "");
   EXPECT_EQ(log.startingWith("E MMCPartition:mount:"),
             std::vector<std::string>{"E MMCPartition:mount:dev=/dev/disk/by-partlabel/main-A,"
                                      "location=" +
                                      point + ",errno=22:Failed to mount device"});
   EXPECT_TRUE(log.contains("I MMCPartition:do_mount:status=-1,mount_flags=0:mount status"));
-}
 
-TEST_F(MMCPartitionTest, UnmountOfABusyPartitionFailsAndKeepsTheMount) {
-  MMCPartition partition(kLink);
-  const std::string point = dir("point");
-  partition.mount(point, false);
-  const int fd = open((point + "/busy").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(fixtures::errorText([&] { partition.unmount(); }), "Failed to unmount");
+  // A busy mount stays: unmount() throws, and so does the destructor.
+  int fd = -1;
+  const std::string thrown = errorText([&] {
+    MMCPartition partition(kLink);
+    partition.mount(point, false);
+    fd = open((point + "/busy").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    EXPECT_EQ(errorText([&] { partition.unmount(); }), "Failed to unmount");
+    EXPECT_EQ(partition.getMountPoint(), point);
+  });
+  EXPECT_EQ(thrown, "Failed to unmount");
   EXPECT_TRUE(log.contains("E MMCPartition:umount:errno=16:Failed to unmount"));
   EXPECT_TRUE(log.contains("I MMCPartition:do_unmount:status=-1:umount status"));
-  EXPECT_EQ(partition.getMountPoint(), point);
-  EXPECT_EQ(mountedMode(device, point), "rw");
-
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(mode(point), "rw");
   close(fd);
-  partition.unmount();
-  EXPECT_EQ(mountedMode(device, point), "");
-}
-
-TEST_F(MMCPartitionTest, DestructorUnmountsAndReportsABusyMount) {
-  const std::string point = dir("point");
+  EXPECT_EQ(umount(point.c_str()), 0);
   {
     MMCPartition partition(kLink);
     partition.mount(point, false);
   }
-  EXPECT_EQ(mountedMode(device, point), "");
+  EXPECT_EQ(mode(point), "");  // the destructor unmounted it
 
-  int fd = -1;
-  std::string error;
-  try {
-    MMCPartition partition(kLink);
-    partition.mount(point, false);
-    fd = open((point + "/busy").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-  } catch (const std::runtime_error& e) {
-    error = e.what();
-  }
-  EXPECT_EQ(error, "Failed to unmount");
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(mountedMode(device, point), "rw");
-  close(fd);
-  EXPECT_EQ(umount(point.c_str()), 0);
-}
-
-TEST(MMCPartitionErase, FailsWhenMkfsFails) {
-  harness::LogCapture log;
-  MMCPartition partition("/nonexistent/selvane-device");
-  EXPECT_EQ(fixtures::errorText([&] { partition.erase(); }), "Failed to erase");
+  MMCPartition missing("/nonexistent/selvane-device");
+  EXPECT_EQ(errorText([&] { missing.erase(); }), "Failed to erase");
   EXPECT_TRUE(log.contains(
       "E MMCPartition:do_erase:device=/nonexistent/selvane-device:Failed to erase partition"));
 }
