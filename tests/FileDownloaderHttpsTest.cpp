@@ -1,13 +1,16 @@
 // FileDownloader against nginx over plain HTTP and HTTPS, with a test CA that libcurl's default
 // bundle trusts only inside this test binary's private mount namespace.
 #include <selvane/FileDownloader.h>
+#include <sys/mount.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
+#include <stdexcept>
 
 #include "Harness.h"
 #include "HttpTestServer.h"
 #include "NginxServer.h"
-#include "TestPki.h"
 #include "Thrown.h"
 
 using fixtures::thrownBy;
@@ -16,14 +19,60 @@ using Error = selvane::FileDownloaderError;
 
 namespace {
 
+const char* const kDefaultBundle = "/etc/ssl/certs/ca-certificates.crt";
+
+// A throw-away PKI in dir, made with the openssl command: a test CA (ca.crt), certificates it
+// issues for localhost and 127.0.0.1 (server.*) and for another host name (wrong.*), and a
+// self-signed one for localhost (selfsigned.*). P-256 keys are quick to make.
+void makeTestPki(const std::string& dir) {
+  const std::string script =
+      "set -e; cd '" + dir +
+      "'; key='-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes'\n"
+      "openssl req -x509 -new $key -days 30 -keyout ca.key -out ca.crt -subj '/CN=Selvane Test CA'"
+      "  -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign\n"
+      "issue() {\n"
+      "  printf 'subjectAltName=%s\\nbasicConstraints=CA:FALSE\\nextendedKeyUsage=serverAuth\\n'"
+      "    $3 >$1.ext\n"
+      "  openssl req -new $key -keyout $1.key -out $1.csr -subj /CN=$2\n"
+      "  openssl x509 -req -in $1.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 30"
+      "    -extfile $1.ext -out $1.crt\n"
+      "}\n"
+      "issue server localhost DNS:localhost,IP:127.0.0.1\n"
+      "issue wrong wronghost.example DNS:wronghost.example\n"
+      "openssl req -x509 -new $key -days 30 -keyout selfsigned.key -out selfsigned.crt"
+      "  -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1\n";
+  std::string output;
+  if (harness::shell("(" + script + ") 2>&1", &output) != 0)
+    throw std::runtime_error("making the test PKI failed:\n" + output);
+}
+
+// Makes libcurl's default CA bundle trust the test CA in dir while it lives: the system's bundle
+// plus the test CA, bound over the default path in the test binary's private mount namespace.
+class TrustedCaBundle {
+ public:
+  explicit TrustedCaBundle(const std::string& dir) {
+    if (!harness::privateNamespace()) throw std::runtime_error("no private mount namespace");
+    const std::string bundle = dir + "/ca-bundle.crt";
+    harness::writeFile(bundle,
+                       harness::readFile(kDefaultBundle) + harness::readFile(dir + "/ca.crt"));
+    if (mount(bundle.c_str(), kDefaultBundle, nullptr, MS_BIND, nullptr) != 0)
+      throw std::runtime_error("bind the test CA bundle: " + std::string(std::strerror(errno)));
+  }
+  ~TrustedCaBundle() { umount2(kDefaultBundle, MNT_DETACH); }
+};
+
 enum Listener { kTrusted = 0, kWrongHost = 1, kSelfSigned = 2 };
 
 class FileDownloaderHttpsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     SELVANE_REQUIRE_ROOT();
-    pki.reset(new fixtures::TestPki(dir.path()));
-    nginx.reset(new fixtures::NginxServer({pki->server(), pki->wrongHost(), pki->selfSigned()}));
+    makeTestPki(dir.path());
+    const auto identity = [&](const std::string& name) {
+      return fixtures::TlsIdentity{dir / (name + ".crt"), dir / (name + ".key")};
+    };
+    nginx.reset(
+        new fixtures::NginxServer({identity("server"), identity("wrong"), identity("selfsigned")}));
     harness::writeFile(nginx->docroot() + "/pkg.ipk", fixtures::patternBody(200000));
   }
 
@@ -40,13 +89,12 @@ class FileDownloaderHttpsTest : public ::testing::Test {
   }
 
   harness::ScratchDir dir;
-  std::unique_ptr<fixtures::TestPki> pki;
   std::unique_ptr<fixtures::NginxServer> nginx;
   FileDownloader downloader;
 };
 
 TEST_F(FileDownloaderHttpsTest, DownloadsOverHttpAndVerifiedHttpsAndA404WithNginxsPage) {
-  fixtures::TrustedCaBundle trust(pki->caCertificate(), dir.path());
+  TrustedCaBundle trust(dir.path());
   for (const std::string& url : {nginx->httpUrl("/pkg.ipk"), nginx->httpsUrl(kTrusted, "/pkg.ipk"),
                                  nginx->httpsUrl(kTrusted, "/pkg.ipk", "127.0.0.1")}) {
     harness::LogCapture log;
@@ -77,8 +125,7 @@ TEST_F(FileDownloaderHttpsTest, CertificatesThatDoNotVerifyAreRefused) {
       {nginx->httpsUrl(kTrusted, "/pkg.ipk"), false, "unable to get local issuer certificate"},
   };
   for (const auto& c : cases) {
-    std::unique_ptr<fixtures::TrustedCaBundle> trust;
-    if (c.caTrusted) trust.reset(new fixtures::TrustedCaBundle(pki->caCertificate(), dir.path()));
+    std::unique_ptr<TrustedCaBundle> trust(c.caTrusted ? new TrustedCaBundle(dir.path()) : nullptr);
     harness::LogCapture log;
     const Error error = failureOf(c.url);
     EXPECT_EQ(error.code, Error::CurlError) << c.url;
