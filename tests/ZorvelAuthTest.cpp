@@ -1,12 +1,12 @@
 // The request-signing library: its date and resource texts, and signatures checked byte for byte
 // against an independent signer, the S3 signer of the aws-sdk npm package.
+#include <unistd.h>
 #include <zorvelauth.h>
 
 #include <sstream>
 #include <stdexcept>
 
 #include "Harness.h"
-#include "S3rver.h"
 
 namespace {
 
@@ -71,7 +71,7 @@ struct SigningCase {
 };
 
 TEST(ZorvelAuth, SignaturesMatchTheAwsSdkS3Signer) {
-  const std::string sdk = fixtures::S3rver::moduleDirectory() + "/aws-sdk";
+  const std::string sdk = SELVANE_TEST_SOURCE_DIR "/s3rver/node_modules/aws-sdk";
   ASSERT_EQ(access((sdk + "/package.json").c_str(), R_OK), 0)
       << "aws-sdk is not installed in " << sdk << ": run scripts/setup-s3rver.sh";
   const std::vector<SigningCase> cases = {

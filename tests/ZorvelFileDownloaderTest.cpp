@@ -4,13 +4,12 @@
 #include <selvane/ZorvelFileDownloader.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 #include <stdexcept>
 
 #include "Harness.h"
 #include "HttpTestServer.h"
-#include "S3rver.h"
+#include "ServerProcess.h"
 #include "Thrown.h"
 
 using fixtures::thrownBy;
@@ -56,15 +55,6 @@ TEST_F(ZorvelFileDownloaderTest, PathDownloadsAreSignedTwiceButSendOneSignature)
   EXPECT_EQ(
       log.startingWith("D selvane:setHeader:name=authorization,value=AWS AKIDSELVANE:").size(), 2u);
 
-  // Sent in byte order of the names, among the caller's headers.
-  Strings names;
-  for (const std::string& line : server.lastRequest().headerLines)
-    names.push_back(line.substr(0, line.find(':')));
-  const auto at = [&](const char* name) { return std::find(names.begin(), names.end(), name); };
-  EXPECT_LT(at("X-Caller"), at("authorization"));
-  EXPECT_LT(at("authorization"), at("date"));
-  EXPECT_LT(at("date"), names.end());
-
   // Both signature headers were one-shot; the caller's persistent header stays.
   ASSERT_EQ(downloader.download(url, &discard, nullptr).code, Error::NoError);
   EXPECT_TRUE(sent("date").empty());
@@ -109,45 +99,86 @@ TEST_F(ZorvelFileDownloaderTest, SigningErrorsPassThroughBeforeAnyTransfer) {
 
 // ---- against s3rver ---------------------------------------------------------------------------
 
+const char* const kNode = "/usr/bin/node";
+const std::string kModules = SELVANE_TEST_SOURCE_DIR "/s3rver/node_modules";
+const std::string kInstallHint =
+    "run scripts/setup-s3rver.sh (needs npm and the npm registry once)";
+
+// Empty when s3rver and its fix are in place, else what is missing and how to install it.
+std::string missingS3rver() {
+  if (access(kNode, X_OK) != 0)
+    return std::string(kNode) + " is missing: run scripts/install-deps.sh";
+  const std::string auth = fixtures::slurp(kModules + "/s3rver/lib/middleware/authentication.js");
+  if (auth.empty()) return "s3rver is not installed in " + kModules + ": " + kInstallHint;
+  // The set-up script's own check: without the fix every V2 header signature is refused.
+  if (auth.find("canonicalRequest.timestamp = ctx.headers[\"x-amz-date\"] ? \"\" : "
+                "ctx.headers[\"date\"];") == std::string::npos)
+    return "s3rver lacks its Date fix: " + kInstallHint;
+  return "";
+}
+
+// s3rver, a fake S3 server from the npm registry, run as a direct child on 127.0.0.1 with a port
+// of its own choosing, its built-in credentials and one bucket holding one object. It accepts
+// unsigned requests, so what must be shown is that bad signatures are refused.
 class ZorvelS3rverTest : public ::testing::Test {
  protected:
+  void SetUp() override {
+    const std::string missing = missingS3rver();
+    ASSERT_TRUE(missing.empty()) << missing;
+    const std::string log = dir / "s3rver.log", ready = "S3rver listening on 127.0.0.1:";
+    s3rver.reset(new fixtures::ServerProcess(
+        {kNode, kModules + "/s3rver/bin/s3rver.js", "-d", dir / "data", "-a", "127.0.0.1", "-p",
+         "0", "-s", "--configure-bucket", "ota-bucket"},
+        log));
+    unsigned long port = 0;
+    fixtures::pollUntil(
+        [&] {
+          const std::string text = fixtures::slurp(log);
+          const size_t at = text.find(ready);
+          if (at != std::string::npos && text.find('\n', at) != std::string::npos)
+            port = std::stoul(text.substr(at + ready.size()));
+          return port != 0 || !s3rver->running();
+        },
+        15000);
+    ASSERT_NE(port, 0u) << "s3rver did not start:\n" << fixtures::slurp(log);
+    url = "http://127.0.0.1:" + std::to_string(port) + "/ota-bucket/pkgs/foo_1.0.ipk";
+    harness::writeFile(dir / "upload", fixtures::patternBody(100000));
+    std::string output;
+    ASSERT_EQ(harness::shell(
+                  "curl -sS -f -X PUT --data-binary @'" + dir / "upload" + "' '" + url + "' 2>&1",
+                  &output),
+              0)
+        << output;
+  }
+
   void TearDown() override {
-    if (s3) {
-      EXPECT_NO_THROW(s3->stop());
+    if (s3rver) {
+      EXPECT_NO_THROW(s3rver->stop());
     }
-    EXPECT_TRUE(fixtures::ServerProcess::childrenRunning(fixtures::S3rver::kNode).empty());
+    EXPECT_TRUE(fixtures::ServerProcess::childrenRunning(kNode).empty());
   }
 
   harness::ScratchDir dir;
-  std::unique_ptr<fixtures::S3rver> s3;
+  std::unique_ptr<fixtures::ServerProcess> s3rver;
+  std::string url;
 };
 
 TEST_F(ZorvelS3rverTest, ACorrectSignatureFetchesTheObjectAndBadOnesGetTheServers403) {
-  // Throws, saying how to install it, when s3rver is missing.
-  s3.reset(new fixtures::S3rver("ota-bucket", dir.path()));
-  const std::string url = s3->objectUrl("pkgs/foo_1.0.ipk");
-  s3->putObject("pkgs/foo_1.0.ipk", fixtures::patternBody(100000));
-  {
-    harness::LogCapture log;
-    ZorvelFileDownloader downloader(
-        zorvelauth::Credentials(fixtures::S3rver::kAccessKeyId, fixtures::S3rver::kSecretKey));
-    ASSERT_EQ(downloader.download(url, dir / "pkg").code, Error::NoError);
-    EXPECT_EQ(harness::readFile(dir / "pkg"), fixtures::patternBody(100000));
-    EXPECT_TRUE(log.startingWith("E ").empty());
-  }
+  ZorvelFileDownloader good({"S3RVER", "S3RVER"});
+  ASSERT_EQ(good.download(url, dir / "pkg").code, Error::NoError);
+  EXPECT_EQ(harness::readFile(dir / "pkg"), fixtures::patternBody(100000));
+
   const std::pair<zorvelauth::Credentials, const char*> refused[] = {
-      {{fixtures::S3rver::kAccessKeyId, "wrong secret"}, "SignatureDoesNotMatch"},
-      {{"UNKNOWNKEY", fixtures::S3rver::kSecretKey}, "InvalidAccessKeyId"},
+      {{"S3RVER", "wrong secret"}, "SignatureDoesNotMatch"},
+      {{"UNKNOWNKEY", "S3RVER"}, "InvalidAccessKeyId"},
   };
   for (const auto& c : refused) {
-    harness::LogCapture log;
     ZorvelFileDownloader downloader(c.first);
     const Error error = thrownBy([&] { downloader.download(url, dir / "pkg"); });
     EXPECT_EQ(error.code, Error::HttpError);
     EXPECT_EQ(error.message, "403");
     EXPECT_NE(harness::readFile(dir / "pkg").find(c.second), std::string::npos)
         << harness::readFile(dir / "pkg");
-    EXPECT_EQ(log.count("E selvane:FileDownloader:reason=error,url=" + url + ":HTTP (403)"), 1u);
   }
 }
 
