@@ -114,7 +114,6 @@ TEST_F(FileDownloaderTest, HeadersInNameOrderAndPostBodiesAreSentAndOneShotState
   downloader.setHeader("mid", "second", true);  // replaces value and flag
   const std::string body("ab\0cd", 5);
   downloader.setPOST(body);
-  EXPECT_EQ(log.count("D selvane:setHeader:name=Alpha,value=a b:c:"), 1u);
   EXPECT_EQ(log.count("D selvane:setPOST:data=ab:"), 1u);
 
   ASSERT_EQ(fetch("/echo").code, Error::NoError);
@@ -256,40 +255,35 @@ TEST_F(FileDownloaderTest, TenRedirectsUnknownLengthsAndAliasedStatusLinesSuccee
   EXPECT_EQ(sink.data, "alias");
 }
 
-// Progress observers are plain functions: they report through these.
-double g_lastReceived = -1, g_lastTotal = -1;
-bool recordProgress(double received, double total) {
-  g_lastReceived = received;
-  g_lastTotal = total;
-  return true;
-}
-bool abortOnceDataCame(double received, double total) {
-  return recordProgress(received, total) && received < 1000;
-}
-
 TEST_F(FileDownloaderTest, ProgressIsReportedAndAFalseAnswerAbortsAStalledTransfer) {
-  downloader.setProgressCallback(&recordProgress);
+  // Observers are plain functions: this one reports through statics.
+  static double received = -1, total = -1, abortFrom = 1e18;
+  downloader.setProgressCallback([](double now, double expected) {
+    received = now;
+    total = expected;
+    return now < abortFrom;
+  });
   ASSERT_EQ(fetch("/ok/5000").code, Error::NoError);
-  EXPECT_EQ(g_lastReceived, 5000);
-  EXPECT_EQ(g_lastTotal, 5000);
+  EXPECT_EQ(received, 5000);
+  EXPECT_EQ(total, 5000);
 
   // The server sends 1000 of its 1 MiB and falls silent; the observer ends the wait.
   harness::LogCapture log;
-  downloader.setProgressCallback(&abortOnceDataCame);
+  abortFrom = 1000;
   const auto started = std::chrono::steady_clock::now();
   const Error error = thrownBy([&] { fetch("/stall/1000"); });
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
   EXPECT_EQ(error.curlCode, CURLE_ABORTED_BY_CALLBACK);
   EXPECT_EQ(error.message, "Callback aborted");
-  EXPECT_EQ(g_lastReceived, 1000);
-  EXPECT_EQ(g_lastTotal, 1048576);
+  EXPECT_EQ(received, 1000);
+  EXPECT_EQ(total, 1048576);
   EXPECT_EQ(log.startingWith("E ").size(), 1u);
 
   // Switched off, nothing is reported.
   downloader.setProgressCallback(nullptr);
-  g_lastReceived = -1;
+  received = -1;
   ASSERT_EQ(fetch("/ok/10").code, Error::NoError);
-  EXPECT_EQ(g_lastReceived, -1);
+  EXPECT_EQ(received, -1);
 }
 
 TEST_F(FileDownloaderTest, TheRateLimitHoldsTransfersBackAndZeroMeansLibcurlsDefaults) {
