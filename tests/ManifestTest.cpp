@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <random>
+#include <tuple>
 
 #include "ErrorText.h"
 #include "Harness.h"
@@ -80,20 +81,19 @@ TEST_F(ManifestTest, TheEmbeddedDescriptorIsExactlyTheSchema) {
 }
 
 TEST_F(ManifestTest, LoadsEveryFieldInFileOrder) {
-  const std::vector<Entry> entries = {kKernel,
-                                      kBase,
-                                      {"rootfs-image", "2", 5000000000ULL, "http://h/rootfs", kSha},
-                                      {"z", "9", UINT64_MAX, "u", "s"}};
+  // Sizes above 4 GiB too.
+  const Entry huge{"rootfs-image", "2", 5000000000ULL, "http://h/rootfs", kSha},
+      largest{"z", "9", UINT64_MAX, "u", "s"};
+  const std::vector<Entry> entries = {kKernel, kBase, huge, largest};
   const selvane::Manifest manifest(write(manifestBytes("2024.06", entries)));
   EXPECT_EQ(manifest.getVersion(), "2024.06");
   ASSERT_EQ(manifest.getPackages().size(), entries.size());
   auto loaded = manifest.getPackages().begin();
   for (const Entry& e : entries) {
-    EXPECT_EQ(loaded->getName(), e.name);
-    EXPECT_EQ(loaded->getVersion(), e.version);
-    EXPECT_EQ(loaded->getSize(), e.size);
-    EXPECT_EQ(loaded->getURL(), e.url);
-    EXPECT_EQ((loaded++)->getSHA256(), e.sha256);
+    const selvane::Package& p = *loaded++;
+    EXPECT_EQ(std::tie(p.getName(), p.getVersion(), p.getURL(), p.getSHA256()),
+              std::tie(e.name, e.version, e.url, e.sha256));
+    EXPECT_EQ(p.getSize(), e.size);
     EXPECT_EQ(manifest.getPackageVersion(e.name), e.version);
   }
   EXPECT_EQ(manifest.getPackageVersion("busybox"), "");
