@@ -41,7 +41,8 @@ class SelvanePackTest : public ::testing::Test {
 
   ToolRun run(const std::string& arguments) {
     ToolRun result;
-    result.status = harness::shell(kTool + " " + arguments + " 2>" + quote(errors), &result.out);
+    result.status = harness::shell(
+        SELVANE_TOOL_PREFIX + kTool + " " + arguments + " 2>" + quote(errors), &result.out);
     result.err = harness::readFile(errors);
     return result;
   }
