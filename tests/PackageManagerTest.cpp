@@ -448,7 +448,7 @@ TEST_F(PackageOperations, InstallAndRemoveEdgeCases) {
       harness::shell("rm -rf '" + root + "/var/lib/opkg' && touch '" + root + "/var/lib/opkg'"), 0);
   log.clear();
   EXPECT_FALSE(manager.installPackage(build(device), 0));
-  EXPECT_EQ(ours().back(), kInstallFailed);
+  EXPECT_TRUE(log.contains(kInstallFailed));
   EXPECT_EQ(log.startingWith("E PackageManager:initOpkg"), Lines{});
 
   // A missing root fails in the preparation, before any command.
@@ -474,7 +474,7 @@ TEST_F(PackageOperations, InstallThatOutlivesItsTimeoutIsKilled) {
   const Lines results = log.startingWith("E ChildTask:result:");
   ASSERT_EQ(results.size(), 1u);
   EXPECT_NE(results[0].find(",status=137:Child signaled"), std::string::npos) << results[0];
-  EXPECT_EQ(ours().back(), kInstallFailed);
+  EXPECT_TRUE(log.contains(kInstallFailed));
   EXPECT_FALSE(exists(kScratch));
 }
 
