@@ -48,7 +48,7 @@ Lines mountsBelow(const std::string& root) {
 
 void mkdirs(const std::string& path) { ASSERT_EQ(harness::shell("mkdir -p '" + path + "'"), 0); }
 
-fixtures::PackageRecipe packageSpec(const std::string& name, const std::string& version) {
+fixtures::PackageRecipe packageRecipe(const std::string& name, const std::string& version) {
   fixtures::PackageRecipe recipe;
   recipe.name = name;
   recipe.version = version;
@@ -243,15 +243,15 @@ TEST_F(PackageOperations, FullCycleOnExt3LeavesTheHostAlone) {
   fixtures::LabelledPartitions partitions(scratch.path());
   const std::string target = scratch / "ext3";
   mkdirs(target);
-  ASSERT_EQ(
-      mount(partitions.add("target", 24 << 20, true).c_str(), target.c_str(), "ext3", 0, nullptr),
-      0);
+  ASSERT_EQ(mount(partitions.add("target", 24 << 20, fixtures::LabelledPartitions::Ext3).c_str(),
+                  target.c_str(), "ext3", 0, nullptr),
+            0);
   fixtures::makeTargetRoot(target);
-  fixtures::PackageRecipe baseFiles = packageSpec("base-files", "3.0.14");
+  fixtures::PackageRecipe baseFiles = packageRecipe("base-files", "3.0.14");
   baseFiles.scripts["postinst"] = "#!/bin/sh\necho \"$1\" > /etc/base-files.configured\n";
-  fixtures::PackageRecipe netbase = packageSpec("netbase", "5.4-r0");
+  fixtures::PackageRecipe netbase = packageRecipe("netbase", "5.4-r0");
   netbase.scripts["prerm"] = "#!/bin/sh\ntouch /etc/netbase.removed\n";
-  fixtures::PackageRecipe app = packageSpec("vindal-app", "1.2-r3");
+  fixtures::PackageRecipe app = packageRecipe("vindal-app", "1.2-r3");
   app.architecture = "armv7a-vfp-neon";
   // The check sees the chroot as the library sets it up: environment, kernel file systems and the
   // host's /tmp, where this test's scratch directory lies.
@@ -347,10 +347,10 @@ TEST_F(PackageOperations, EmptyRootIsTheRunningSystem) {
 }
 
 TEST_F(PackageOperations, CorruptedFilesAreCaughtAndTheirPackagesRemoved) {
-  fixtures::PackageRecipe noSums = packageSpec("d-nosums", "1");
+  fixtures::PackageRecipe noSums = packageRecipe("d-nosums", "1");
   noSums.withSha256Sums = false;
   for (const auto& recipe :
-       {packageSpec("a-pkg", "1"), packageSpec("b-pkg", "1"), packageSpec("c-pkg", "1"), noSums})
+       {packageRecipe("a-pkg", "1"), packageRecipe("b-pkg", "1"), packageRecipe("c-pkg", "1"), noSums})
     ASSERT_TRUE(manager.installPackage(build(recipe), 0)) << recipe.name;
   manager.refreshInstalledPackages();
   harness::writeFile(root + "/usr/share/a-pkg/data", "tampered\n");
@@ -414,9 +414,9 @@ TEST_F(PackageOperations, InstallAndRemoveEdgeCases) {
 
   // The configuration file reaches opkg: the device's architecture is accepted, others are not.
   // A scratch directory left over by an earlier run is taken over and removed.
-  fixtures::PackageRecipe device = packageSpec("device", "1");
+  fixtures::PackageRecipe device = packageRecipe("device", "1");
   device.architecture = "vindal";
-  fixtures::PackageRecipe foreign = packageSpec("foreign", "1");
+  fixtures::PackageRecipe foreign = packageRecipe("foreign", "1");
   foreign.architecture = "x86_64";
   mkdirs(std::string(kScratch) + "/leftover");
   EXPECT_TRUE(manager.installPackage(build(device), 0));
@@ -479,7 +479,7 @@ TEST_F(PackageOperations, InstallThatOutlivesItsTimeoutIsKilled) {
 }
 
 TEST_F(PackageOperations, ConfigureRetriesTheFullRun) {
-  fixtures::PackageRecipe flaky = packageSpec("flaky", "1");
+  fixtures::PackageRecipe flaky = packageRecipe("flaky", "1");
   flaky.scripts["postinst"] =
       "#!/bin/sh\nn=$(cat /var/flaky.attempts 2>/dev/null || echo 0)\n"
       "n=$((n + 1))\necho $n > /var/flaky.attempts\n[ $n -ge 3 ]\n";
@@ -550,7 +550,7 @@ TEST_F(PackageOperations, SanityCheck) {
 
 TEST_F(PackageOperations, ChildProcessFailuresLeaveNothingBehind) {
   harness::writeFile(root + "/usr/local/bin/ota-sanity-check.sh", "#!/bin/sh\n", 0755);
-  const std::string package = build(packageSpec("pkg", "1"));
+  const std::string package = build(packageRecipe("pkg", "1"));
   // With SIGCHLD ignored the kernel reaps every child itself, so waitpid() fails with ECHILD.
   struct sigaction ignore {
   }, saved{};
