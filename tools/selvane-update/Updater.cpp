@@ -60,7 +60,7 @@ class InstanceLock {
  public:
   explicit InstanceLock(const std::string& path)
       : fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-    if (fd < 0) throw Failure(Exit::AlreadyRunning, "cannot open lock file " + path);
+    if (fd < 0) throw Failure(Exit::Internal, "cannot open the lock file " + path);
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
       close(fd);
       throw Failure(Exit::AlreadyRunning,

@@ -122,5 +122,8 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     out.fail(update::Failure(update::Exit::Internal, e.what()));
     return static_cast<int>(update::Exit::Internal);
+  } catch (...) {
+    out.fail(update::Failure(update::Exit::Internal, "unexpected error"));
+    return static_cast<int>(update::Exit::Internal);
   }
 }
