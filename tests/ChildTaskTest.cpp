@@ -45,6 +45,8 @@ TEST(ChildTask, MapsEveryWayAChildCanEnd) {
       {"exit code 3", [] { return 3; }, 0, 3, ",status=3:Child exited"},
       {"no limit given as -5", [] { return 0; }, -5, 0, ",status=0:Child exited"},
       {"abort()", []() -> int { std::abort(); }, 0, 134, ",status=134:Child signaled"},
+      {"an exception stays in the child", []() -> int { throw std::runtime_error("in child"); }, 0,
+       255, ",status=255:Child exited"},
       {"SIGTERM", [] { return raise(SIGTERM); }, 0, 143, ",status=143:Child signaled"},
   };
   for (const Case& c : cases) {

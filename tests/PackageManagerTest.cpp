@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <util/ScopedFileLock.h>
 
@@ -13,7 +14,6 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ErrorText.h"
@@ -147,9 +147,13 @@ TEST_F(PackageDatabase, MissingStatusFileOrLockDirectory) {
   EXPECT_EQ(log.texts(), Lines{"W PackageManager:refreshInstalledPackages:reason=statusFileMissing:"
                                "Could not find /var/lib/opkg/status in the target FS."});
 
-  mkdirs(root + "/var/lib/opkg/status");  // a directory reads as an empty file
+  mkdirs(root + "/var/lib/opkg/status");  // opens, but cannot be read
+  log.clear();
   manager.refreshInstalledPackages();
   EXPECT_TRUE(packages.empty());
+  EXPECT_EQ(log.startingWith("W PackageManager:refreshInstalledPackages:reason=statusFileMissing:")
+                .size(),
+            1u);
 
   // Without /var/lib/opkg the lock file cannot be made.
   selvane::PackageManager elsewhere(scratch / "nothere");
@@ -165,17 +169,25 @@ TEST_F(PackageDatabase, MissingStatusFileOrLockDirectory) {
 
 TEST_F(PackageDatabase, RefreshWaitsForTheOpkgLock) {
   harness::writeFile(root + "/var/lib/opkg/status", "Package: a\nVersion: 1\n" + kInstalled);
-  // flock() locks through two open files conflict, even within one process.
-  util::ScopedFileLock held(root + "/var/lib/opkg/lock", util::ScopedFileLock::LockNow);
+  // Record locks only hold other processes off: a child holds it, as opkg would.
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t holder = fork();
+  if (holder == 0) {
+    util::ScopedFileLock held(root + "/var/lib/opkg/lock", util::ScopedFileLock::LockNow);
+    (void)!write(ready[1], "x", 1);
+    usleep(300000);
+    _exit(0);
+  }
+  char byte;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  close(ready[0]);
+  close(ready[1]);
   const auto start = std::chrono::steady_clock::now();
-  std::thread releaser([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    held.unlock();
-  });
   manager.refreshInstalledPackages();
   const auto waited = std::chrono::steady_clock::now() - start;
-  releaser.join();
-  EXPECT_GE(waited, std::chrono::milliseconds(300));
+  waitpid(holder, nullptr, 0);
+  EXPECT_GE(waited, std::chrono::milliseconds(200));
   EXPECT_EQ(manager.getInstalledPackages(), (Packages{{"a", "1"}}));
 }
 
@@ -349,8 +361,8 @@ TEST_F(PackageOperations, EmptyRootIsTheRunningSystem) {
 TEST_F(PackageOperations, CorruptedFilesAreCaughtAndTheirPackagesRemoved) {
   fixtures::PackageRecipe noSums = packageRecipe("d-nosums", "1");
   noSums.withSha256Sums = false;
-  for (const auto& recipe :
-       {packageRecipe("a-pkg", "1"), packageRecipe("b-pkg", "1"), packageRecipe("c-pkg", "1"), noSums})
+  for (const auto& recipe : {packageRecipe("a-pkg", "1"), packageRecipe("b-pkg", "1"),
+                             packageRecipe("c-pkg", "1"), noSums})
     ASSERT_TRUE(manager.installPackage(build(recipe), 0)) << recipe.name;
   manager.refreshInstalledPackages();
   harness::writeFile(root + "/usr/share/a-pkg/data", "tampered\n");

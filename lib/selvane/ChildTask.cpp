@@ -46,8 +46,13 @@ int ChildTask::waitExecute(int timeout) {
   SELVANE_LOG_D("ChildTask:waitExecute:timeout=%d:Running child task", timeout);
   const pid_t pid = fork();
   if (pid == 0) {
-    // exit(), not _exit(): the child's stdio buffers are flushed and its exit handlers run.
-    exit(childTask());
+    // exit(), not _exit(): the child's stdio buffers are flushed and its exit handlers run. An
+    // exception must not carry the child back into the caller's code.
+    try {
+      exit(childTask());
+    } catch (...) {
+      exit(255);
+    }
   }
   if (pid == -1) {
     SELVANE_LOG_E("ChildTask:fork:errno=%d:Failed to fork", errno);

@@ -112,6 +112,7 @@ FileDownloader::FileDownloader()
       m_bufferSize(0),
       m_maxTransferRate(0),
       m_http200Aliases(nullptr) {
+  static_assert(kErrorBufferSize == CURL_ERROR_SIZE, "the error buffer is libcurl's size");
   try {
     boost::lock_guard<boost::mutex> lock(m_globalLock);
     const CURLcode code = curl_global_init(CURL_GLOBAL_ALL);

@@ -238,7 +238,8 @@ void PackageManager::refreshInstalledPackages() {
   try {
     util::ScopedFileLock lock(root + kLockPath, util::ScopedFileLock::LockNow);
     std::ifstream status(root + kStatusPath);
-    if (!status.is_open()) {
+    status.peek();  // a directory opens, but cannot be read
+    if (!status.is_open() || status.bad()) {
       SELVANE_LOG_W(
           "PackageManager:refreshInstalledPackages:reason=statusFileMissing:Could not find "
           "/var/lib/opkg/status in the target FS.");

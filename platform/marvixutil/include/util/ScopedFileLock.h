@@ -1,10 +1,13 @@
 // util::ScopedFileLock: an advisory whole-file lock held for as long as the object lives.
 //
 // The lock file is opened (and created if it is missing and the directory allows it) and locked
-// exclusively with flock(2); taking the lock blocks until every other holder has let go. The
-// destructor releases the lock and closes the file; the file itself is left in place. A lock file
-// that cannot be opened or locked makes the constructor (or lock()) throw ScopedFileLockError with
-// a message that names the path and the reason.
+// with a POSIX record lock over the whole file, the kind opkg takes on its own lock file: exclusive,
+// or shared when the file can only be opened for reading (a read-only file system). Taking the
+// lock blocks until other processes' conflicting locks are gone. Record locks belong to the
+// process: a second lock on the same file within one process does not wait, and closing any
+// descriptor of the file releases them. The destructor releases the lock and closes the file; the
+// file itself is left in place. A lock file that cannot be opened or locked makes the constructor
+// (or lock()) throw ScopedFileLockError with a message that names the path and the reason.
 #ifndef UTIL_SCOPEDFILELOCK_H
 #define UTIL_SCOPEDFILELOCK_H
 
