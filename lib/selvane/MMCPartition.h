@@ -2,7 +2,9 @@
 //
 // Mounts with mount(2), reformats with "/sbin/mkfs.ext3 -v <device>" and has no check of its own
 // (do_fsck succeeds, so checkAndRepair() amounts to unmount and mount again). The destructor
-// unmounts a partition this object mounted, and throws "Failed to unmount" if that fails.
+// unmounts a partition this object mounted, and throws "Failed to unmount" if that fails. Through
+// boost::shared_ptr (as the device hands it out) that exception cannot be caught: releasing the
+// last owner of a busy mount ends the process. Call unmount() before letting the partition go.
 #ifndef SELVANE_MMCPARTITION_H
 #define SELVANE_MMCPARTITION_H
 
