@@ -57,7 +57,6 @@ class Progress {
 class Output {
  public:
   explicit Output(bool json);
-  bool isJson() const { return json; }
   // Writes the event (JSON mode) or the human text (otherwise) to standard output.
   void emit(const Event& event, const std::string& human);
   // The one-line failure message: standard error, or a "failed" event in JSON mode.
