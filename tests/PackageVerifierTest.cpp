@@ -18,7 +18,7 @@
 
 namespace {
 
-using fixtures::quote;
+using harness::quote;
 using Members = std::vector<std::pair<std::string, std::string>>;
 
 std::string failedLine(const std::string& package, const std::string& detail) {

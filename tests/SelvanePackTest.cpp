@@ -13,7 +13,7 @@
 
 namespace {
 
-using fixtures::quote;
+using harness::quote;
 
 const std::string kTool = SELVANE_BINARY_DIR "/bin/selvane-pack";
 const std::string kAllMembers = "debian-binary\ncontrol.tar.gz\ndata.tar.gz\nsignature\n";

@@ -19,12 +19,6 @@ const std::string kSim = SELVANE_TEST_SOURCE_DIR "/../tools/selvane-sim/selvane-
 const std::string kBin = SELVANE_BINARY_DIR "/bin";
 const std::string kUpdate = kBin + "/selvane-update";
 
-std::string quote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 // A command running in the background, whose output is read line by line.
 class Background {
  public:
@@ -118,7 +112,7 @@ class SimulatedDevice {
   }
   std::string digest(const std::string& file) const {
     std::string out;
-    harness::shell("sha256sum " + quote(file) + " | cut -c1-64", &out);
+    harness::shell("sha256sum " + harness::quote(file) + " | cut -c1-64", &out);
     return out;
   }
   // The running root and the boot environment, to compare before and after a failure.

@@ -159,6 +159,12 @@ ScratchDir::~ScratchDir() {
   shell("rm -rf --one-file-system '" + dir + "'");
 }
 
+std::string quote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 int shell(const std::string& command, std::string* output) {
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) fail("popen " + command);

@@ -78,6 +78,9 @@ class ScratchDir {
   std::string dir;
 };
 
+// text as one single-quoted shell word.
+std::string quote(const std::string& text);
+
 // Runs a shell command line; returns its exit status and, if wanted, its standard output.
 int shell(const std::string& command, std::string* output = nullptr);
 

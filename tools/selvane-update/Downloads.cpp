@@ -79,9 +79,11 @@ uint64_t Downloads::bytesToFetch(const std::vector<selvane::Package>& packages) 
 
 bool Downloads::cached(const selvane::Package& package) {
   const std::string path = cachePath(package);
+  if (checked.count(path)) return true;
   if (access(path.c_str(), F_OK) != 0) return false;
   try {
     check(package, path);
+    checked.insert(path);
     return true;
   } catch (const Failure&) {
     std::remove(path.c_str());  // a damaged copy is fetched again

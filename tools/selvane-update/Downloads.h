@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,7 @@ class Downloads {
   const Options& options;
   Output& out;
   std::unique_ptr<selvane::PackageVerifierSet> verifiers;
+  std::set<std::string> checked;  // cache files already checked in this run: hashed once
 };
 
 }  // namespace update
