@@ -2,7 +2,6 @@
 // writing manifests that the library reads back, and printing them.
 #include <selvane/Manifest.h>
 #include <selvane/PackageVerifier.h>
-#include <selvane/protobuf/Manifest.pb.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -215,20 +214,11 @@ TEST_F(SelvanePackTest, ManifestRoundTripsThroughTheLibrary) {
 }
 
 TEST_F(SelvanePackTest, ShowPrintsTextAndJson) {
-  ::Manifest message;
-  message.set_version("2024.06");
-  for (const auto& [name, version, size, url, sha256] :
-       {std::tuple("base-files", "3.0", 6000000000ULL, "https://u/b.ipk", "ab12"),
-        {"odd \"name\"\\", "1\t\x01\xc3\xa9\xff", 0, "u", "s"}}) {
-    ::Package* entry = message.add_packages();
-    entry->set_name(name);
-    entry->set_version(version);
-    entry->set_size(size);
-    entry->set_url(url);
-    entry->set_sha256(sha256);
-  }
+  const selvane::Manifest manifest("2024.06",
+                                   {{"base-files", "3.0", 6000000000ULL, "https://u/b.ipk", "ab12"},
+                                    {"odd \"name\"\\", "1\t\x01\xc3\xa9\xff", 0, "u", "s"}});
   const std::string path = dir / "m";
-  harness::writeFile(path, message.SerializeAsString());
+  harness::writeFile(path, manifest.serialize());
   ToolRun result = run("show " + quote(path));
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out,

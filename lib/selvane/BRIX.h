@@ -7,11 +7,13 @@
 #ifndef SELVANE_BRIX_H
 #define SELVANE_BRIX_H
 
+#include <selvane/Export.h>
+
 #include <string>
 
 namespace selvane {
 
-class BRIX {
+class SELVANE_EXPORT BRIX {
  public:
   static std::string getProperty(const std::string& key);
   [[nodiscard]] static bool setProperty(const std::string& key, const std::string& value);

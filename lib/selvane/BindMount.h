@@ -6,11 +6,13 @@
 #ifndef SELVANE_BINDMOUNT_H
 #define SELVANE_BINDMOUNT_H
 
+#include <selvane/Export.h>
+
 #include <string>
 
 namespace selvane {
 
-class BindMount {
+class SELVANE_EXPORT BindMount {
  public:
   BindMount(const std::string& source, const std::string& destination, bool mountNow);
   virtual ~BindMount();

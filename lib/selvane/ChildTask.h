@@ -7,9 +7,11 @@
 #ifndef SELVANE_CHILDTASK_H
 #define SELVANE_CHILDTASK_H
 
+#include <selvane/Export.h>
+
 namespace selvane {
 
-class ChildTask {
+class SELVANE_EXPORT ChildTask {
  public:
   virtual ~ChildTask() = default;
 

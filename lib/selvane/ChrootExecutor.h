@@ -5,13 +5,15 @@
 #ifndef SELVANE_CHROOTEXECUTOR_H
 #define SELVANE_CHROOTEXECUTOR_H
 
+#include <selvane/Export.h>
+
 #include <selvane/Executor.h>
 
 #include <string>
 
 namespace selvane {
 
-class ChrootExecutor : public Executor {
+class SELVANE_EXPORT ChrootExecutor : public Executor {
  public:
   ChrootExecutor(const std::string& root, const char** argv, const char** envp);
 

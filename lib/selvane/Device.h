@@ -9,6 +9,8 @@
 #ifndef SELVANE_DEVICE_H
 #define SELVANE_DEVICE_H
 
+#include <selvane/Export.h>
+
 #include <boost/shared_ptr.hpp>
 #include <string>
 
@@ -17,10 +19,10 @@ namespace selvane {
 class Partition;
 
 // The texts the boot loader reads from the boot properties; part of the boot protocol.
-extern const char ROOTFS_A_LABEL[7];
-extern const char ROOTFS_B_LABEL[7];
+SELVANE_EXPORT extern const char ROOTFS_A_LABEL[7];
+SELVANE_EXPORT extern const char ROOTFS_B_LABEL[7];
 
-class Device {
+class SELVANE_EXPORT Device {
  public:
   enum RootfsLabel { A = 0, B = 1 };
 
@@ -39,10 +41,10 @@ class Device {
 };
 
 // ROOTFS_A_LABEL or ROOTFS_B_LABEL itself (never a copy).
-const char* labelToText(Device::RootfsLabel label);
+SELVANE_EXPORT const char* labelToText(Device::RootfsLabel label);
 
 // Writes the label's text into the named boot property. A failed write is only logged.
-void setKnownGood(const std::string& property, Device::RootfsLabel label);
+SELVANE_EXPORT void setKnownGood(const std::string& property, Device::RootfsLabel label);
 
 }  // namespace selvane
 

@@ -7,6 +7,8 @@
 #ifndef SELVANE_DEVICECOMMON_H
 #define SELVANE_DEVICECOMMON_H
 
+#include <selvane/Export.h>
+
 #include <sys/types.h>
 
 #include <string>
@@ -14,14 +16,14 @@
 namespace selvane {
 
 // partitions: paths (symbolic links are resolved) ending with a null entry; null means none.
-void evictDataAndHalt(const char** partitions);
+SELVANE_EXPORT void evictDataAndHalt(const char** partitions);
 
 // Asks the kernel to halt the machine; returns only if it refuses.
-void doHalt();
+SELVANE_EXPORT void doHalt();
 
 // For a block device node, the number of the device itself; otherwise the number of the device
 // holding the file. So getDeviceID("/") equals the ID of the partition mounted as the root.
-dev_t getDeviceID(const std::string& path);
+SELVANE_EXPORT dev_t getDeviceID(const std::string& path);
 
 }  // namespace selvane
 

@@ -8,11 +8,13 @@
 #ifndef SELVANE_EXECUTOR_H
 #define SELVANE_EXECUTOR_H
 
+#include <selvane/Export.h>
+
 #include <selvane/ChildTask.h>
 
 namespace selvane {
 
-class Executor : public ChildTask {
+class SELVANE_EXPORT Executor : public ChildTask {
  public:
   Executor(const char** argv, const char** envp);
 

@@ -18,6 +18,8 @@
 #ifndef SELVANE_FILEDOWNLOADER_H
 #define SELVANE_FILEDOWNLOADER_H
 
+#include <selvane/Export.h>
+
 #include <selvane/FileDownloaderError.h>
 
 #include <boost/thread/mutex.hpp>
@@ -31,7 +33,7 @@ struct curl_slist;
 
 namespace selvane {
 
-class FileDownloader {
+class SELVANE_EXPORT FileDownloader {
  public:
   using ProgressCallback = bool (*)(double received, double total);
   using WriteCallback = size_t (*)(char* data, size_t size, size_t count, void* userdata);

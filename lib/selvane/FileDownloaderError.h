@@ -7,6 +7,8 @@
 #ifndef SELVANE_FILEDOWNLOADERERROR_H
 #define SELVANE_FILEDOWNLOADERERROR_H
 
+#include <selvane/Export.h>
+
 #include <curl/curl.h>
 
 #include <cstdint>
@@ -14,7 +16,7 @@
 
 namespace selvane {
 
-class FileDownloaderError {
+class SELVANE_EXPORT FileDownloaderError {
  public:
   enum ErrorCode : int32_t {
     NoError = 0,

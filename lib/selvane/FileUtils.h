@@ -5,20 +5,22 @@
 #ifndef SELVANE_FILEUTILS_H
 #define SELVANE_FILEUTILS_H
 
+#include <selvane/Export.h>
+
 #include <cstdint>
 #include <string>
 
 namespace selvane {
 
 // The file's size in bytes, cut to its low 32 bits, or -1 when it cannot be had.
-int32_t GetFileSize(const std::string& path);
+SELVANE_EXPORT int32_t GetFileSize(const std::string& path);
 
 // True when the file's SHA-256 digest equals expectedHex (64 hex digits, any case).
-bool VerifySHA256Sum(const std::string& path, std::string expectedHex);
+SELVANE_EXPORT bool VerifySHA256Sum(const std::string& path, std::string expectedHex);
 
 // True when every "digest  path" entry of sumsFile names a file below root whose digest matches.
 // An empty root takes the listed paths as they stand.
-bool VerifySHA256SumsFile(const std::string& sumsFile, const std::string& root);
+SELVANE_EXPORT bool VerifySHA256SumsFile(const std::string& sumsFile, const std::string& root);
 
 }  // namespace selvane
 

@@ -8,11 +8,13 @@
 #ifndef SELVANE_MMCDEVICE_H
 #define SELVANE_MMCDEVICE_H
 
+#include <selvane/Export.h>
+
 #include <selvane/Device.h>
 
 namespace selvane {
 
-class MMCDevice : public Device {
+class SELVANE_EXPORT MMCDevice : public Device {
  public:
   MMCDevice();
   ~MMCDevice() override = default;

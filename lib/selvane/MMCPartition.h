@@ -8,13 +8,15 @@
 #ifndef SELVANE_MMCPARTITION_H
 #define SELVANE_MMCPARTITION_H
 
+#include <selvane/Export.h>
+
 #include <selvane/Partition.h>
 
 #include <string>
 
 namespace selvane {
 
-class MMCPartition : public Partition {
+class SELVANE_EXPORT MMCPartition : public Partition {
  public:
   explicit MMCPartition(const std::string& devicePath);
   ~MMCPartition() noexcept(false) override;

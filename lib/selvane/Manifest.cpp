@@ -50,4 +50,18 @@ std::string Manifest::getPackageVersion(const std::string& name) const {
   }
 }
 
+std::string Manifest::serialize() const {
+  ::Manifest message;
+  message.set_version(version);
+  for (const Package& package : packages) {
+    ::Package* entry = message.add_packages();
+    entry->set_name(package.getName());
+    entry->set_version(package.getVersion());
+    entry->set_size(package.getSize());
+    entry->set_url(package.getURL());
+    entry->set_sha256(package.getSHA256());
+  }
+  return message.SerializeAsString();
+}
+
 }  // namespace selvane

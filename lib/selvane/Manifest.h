@@ -7,13 +7,15 @@
 #ifndef SELVANE_MANIFEST_H
 #define SELVANE_MANIFEST_H
 
+#include <selvane/Export.h>
+
 #include <list>
 #include <map>
 #include <string>
 
 namespace selvane {
 
-class Package {
+class SELVANE_EXPORT Package {
  public:
   Package(const std::string& name, const std::string& version, unsigned long long size,
           const std::string& url, const std::string& sha256);
@@ -32,7 +34,7 @@ class Package {
   std::string sha256;
 };
 
-class Manifest {
+class SELVANE_EXPORT Manifest {
  public:
   // An empty manifest: version "", no packages.
   Manifest();
@@ -47,6 +49,9 @@ class Manifest {
   const std::list<Package>& getPackages() const;
   // The version recorded for name, or "" when the index has no entry for it.
   std::string getPackageVersion(const std::string& name) const;
+  // The manifest file's bytes for this version and these packages, in list order: what a release
+  // publisher writes (the library keeps the generated message classes to itself).
+  std::string serialize() const;
 
  private:
   std::string version;

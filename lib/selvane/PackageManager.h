@@ -12,6 +12,8 @@
 #ifndef SELVANE_PACKAGEMANAGER_H
 #define SELVANE_PACKAGEMANAGER_H
 
+#include <selvane/Export.h>
+
 #include <selvane/TemporaryFile.h>
 
 #include <map>
@@ -19,7 +21,7 @@
 
 namespace selvane {
 
-class PackageManager {
+class SELVANE_EXPORT PackageManager {
  public:
   // Writes the opkg configuration file; reads nothing from the target yet.
   explicit PackageManager(const std::string& root);

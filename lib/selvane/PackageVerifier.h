@@ -11,16 +11,18 @@
 #ifndef SELVANE_PACKAGEVERIFIER_H
 #define SELVANE_PACKAGEVERIFIER_H
 
+#include <selvane/Export.h>
+
 #include <memory>
 #include <string>
 
 // Member names and digest name, exported with C linkage.
 extern "C" {
-extern const char* DEB_BINARY_FILE;   // "debian-binary"
-extern const char* CONTROL_FILE;      // "control.tar.gz"
-extern const char* DATA_FILE;         // "data.tar.gz"
-extern const char* SIGNATURE_FILE;    // "signature"
-extern const char* SHA1_DIGEST_NAME;  // "SHA1"
+SELVANE_EXPORT extern const char* DEB_BINARY_FILE;   // "debian-binary"
+SELVANE_EXPORT extern const char* CONTROL_FILE;      // "control.tar.gz"
+SELVANE_EXPORT extern const char* DATA_FILE;         // "data.tar.gz"
+SELVANE_EXPORT extern const char* SIGNATURE_FILE;    // "signature"
+SELVANE_EXPORT extern const char* SHA1_DIGEST_NAME;  // "SHA1"
 }
 
 struct evp_pkey_st;
@@ -33,7 +35,7 @@ using ::DEB_BINARY_FILE;
 using ::SHA1_DIGEST_NAME;
 using ::SIGNATURE_FILE;
 
-class PackageVerifier {
+class SELVANE_EXPORT PackageVerifier {
  public:
   // Loads a PEM public key (SubjectPublicKeyInfo). Throws std::runtime_error with "Unable to find
   // the public key file" when keyPath is not a regular file and "Unable to load the public key

@@ -7,6 +7,8 @@
 #ifndef SELVANE_PACKAGEVERIFIERSET_H
 #define SELVANE_PACKAGEVERIFIERSET_H
 
+#include <selvane/Export.h>
+
 #include <selvane/PackageVerifier.h>
 
 #include <boost/shared_ptr.hpp>
@@ -15,7 +17,7 @@
 
 namespace selvane {
 
-class PackageVerifierSet {
+class SELVANE_EXPORT PackageVerifierSet {
  public:
   // Throws std::runtime_error with keyDirectory followed by " does not exist, or is not a
   // directory" when the directory cannot be used.

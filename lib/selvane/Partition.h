@@ -8,12 +8,14 @@
 #ifndef SELVANE_PARTITION_H
 #define SELVANE_PARTITION_H
 
+#include <selvane/Export.h>
+
 #include <boost/noncopyable.hpp>
 #include <string>
 
 namespace selvane {
 
-class Partition : private boost::noncopyable {
+class SELVANE_EXPORT Partition : private boost::noncopyable {
  public:
   Partition();
   // Does not unmount; a concrete partition's destructor may, and may throw while doing so.

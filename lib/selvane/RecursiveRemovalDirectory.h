@@ -6,11 +6,13 @@
 #ifndef SELVANE_RECURSIVEREMOVALDIRECTORY_H
 #define SELVANE_RECURSIVEREMOVALDIRECTORY_H
 
+#include <selvane/Export.h>
+
 #include <selvane/TemporaryDirectory.h>
 
 namespace selvane {
 
-class RecursiveRemovalDirectory : public TemporaryDirectory {
+class SELVANE_EXPORT RecursiveRemovalDirectory : public TemporaryDirectory {
  public:
   RecursiveRemovalDirectory();
   RecursiveRemovalDirectory(const std::string& path, bool allowExisting);

@@ -7,11 +7,13 @@
 #ifndef SELVANE_TEMPORARYDIRECTORY_H
 #define SELVANE_TEMPORARYDIRECTORY_H
 
+#include <selvane/Export.h>
+
 #include <string>
 
 namespace selvane {
 
-class TemporaryDirectory {
+class SELVANE_EXPORT TemporaryDirectory {
  public:
   TemporaryDirectory();
   TemporaryDirectory(const std::string& path, bool allowExisting);

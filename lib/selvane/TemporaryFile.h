@@ -6,11 +6,13 @@
 #ifndef SELVANE_TEMPORARYFILE_H
 #define SELVANE_TEMPORARYFILE_H
 
+#include <selvane/Export.h>
+
 #include <string>
 
 namespace selvane {
 
-class TemporaryFile {
+class SELVANE_EXPORT TemporaryFile {
  public:
   TemporaryFile();
   TemporaryFile(const std::string& path, bool truncate);

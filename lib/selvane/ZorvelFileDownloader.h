@@ -6,6 +6,8 @@
 #ifndef SELVANE_ZORVELFILEDOWNLOADER_H
 #define SELVANE_ZORVELFILEDOWNLOADER_H
 
+#include <selvane/Export.h>
+
 #include <selvane/FileDownloader.h>
 #include <zorvelauth.h>
 
@@ -13,7 +15,7 @@
 
 namespace selvane {
 
-class ZorvelFileDownloader : public FileDownloader {
+class SELVANE_EXPORT ZorvelFileDownloader : public FileDownloader {
  public:
   explicit ZorvelFileDownloader(const zorvelauth::Credentials& credentials);
   ~ZorvelFileDownloader() override = default;

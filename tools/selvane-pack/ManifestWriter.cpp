@@ -3,12 +3,14 @@
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <selvane/Manifest.h>
 #include <selvane/PackageVerifier.h>
-#include <selvane/protobuf/Manifest.pb.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <list>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -164,8 +166,7 @@ std::string joinUrl(const std::string& base, const std::string& name) {
 
 void writeManifest(const std::string& version, const std::string& baseUrl,
                    const std::vector<std::string>& packagePaths, const std::string& outputPath) {
-  ::Manifest manifest;
-  manifest.set_version(version);
+  std::list<selvane::Package> packages;
   std::map<std::string, std::string> pathOfName;
   for (const std::string& path : packagePaths) {
     const PackageInfo info = inspectPackage(path);
@@ -179,17 +180,10 @@ void writeManifest(const std::string& version, const std::string& baseUrl,
                    path.c_str());
     }
     const auto [size, sha256] = sizeAndDigest(path);
-    ::Package* entry = manifest.add_packages();
-    entry->set_name(info.name);
-    entry->set_version(info.version);
-    entry->set_size(size);
-    entry->set_url(joinUrl(baseUrl, baseName(path)));
-    entry->set_sha256(sha256);
+    packages.emplace_back(info.name, info.version, size, joinUrl(baseUrl, baseName(path)), sha256);
   }
-  std::string bytes;
-  if (!manifest.SerializeToString(&bytes)) throw ToolError("cannot encode the manifest");
   OutputFile output(outputPath);
-  output.write(bytes);
+  output.write(selvane::Manifest(version, packages).serialize());
   output.commit(defaultFileMode());
 }
 
