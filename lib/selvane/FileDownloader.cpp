@@ -12,6 +12,7 @@
 #include <limits>
 #include <stdexcept>
 
+#include "LoadedLibraries.h"
 #include "Log.h"
 
 // This class reports progress and sizes as doubles, through libcurl's double-based interfaces.
@@ -23,12 +24,12 @@ namespace {
 using Error = FileDownloaderError;
 
 struct EasyCleanup {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+  void operator()(CURL* handle) const { curl().easy_cleanup(handle); }
 };
 using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
 
 struct SlistCleanup {
-  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+  void operator()(curl_slist* list) const { curl().slist_free_all(list); }
 };
 using HeaderList = std::unique_ptr<curl_slist, SlistCleanup>;
 
@@ -38,11 +39,11 @@ void throwUnlessOk(CURLcode code, const char* what, const std::string& url) {
 
 // Sets one option; a failure is thrown with "Unable to set <OPTION>".
 #define SELVANE_SET_OPTION(handle, option, value, url) \
-  throwUnlessOk(curl_easy_setopt(handle, option, value), "Unable to set " #option, url)
+  throwUnlessOk(curl().easy_setopt(handle, option, value), "Unable to set " #option, url)
 
 // Reads one transfer figure; a failure is thrown with "Unable to get <INFO>".
 #define SELVANE_GET_INFO(handle, info, target, url) \
-  throwUnlessOk(curl_easy_getinfo(handle, info, target), "Unable to get " #info, url)
+  throwUnlessOk(curl().easy_getinfo(handle, info, target), "Unable to get " #info, url)
 
 struct sigaction ignoreSigpipe() {
   struct sigaction ignore {};
@@ -66,8 +67,8 @@ void restoreSigpipe(const struct sigaction& saved) {
 
 // A new easy handle with the policy every transfer shares. Failures carry no URL.
 EasyHandle createHandle(char* errorBuffer) {
-  EasyHandle handle(curl_easy_init());
-  if (!handle) throw Error(Error::CurlError, "curl_easy_init() failed", "");
+  EasyHandle handle(curl().easy_init());
+  if (!handle) throw Error(Error::CurlError, "curl().easy_init() failed", "");
   CURL* h = handle.get();
   const std::string none;
   SELVANE_SET_OPTION(h, CURLOPT_MAXREDIRS, 10L, none);
@@ -88,8 +89,8 @@ HeaderList buildHeaderList(const std::map<std::string, std::pair<std::string, bo
   for (const auto& entry : headers) {
     const std::string line = entry.first + ": " + entry.second.first;
     // On failure libcurl leaves the list as it was, so the owner still frees it.
-    curl_slist* head = curl_slist_append(list.get(), line.c_str());
-    if (head == nullptr) throw Error(Error::CurlError, "curl_slist_append() failed", url);
+    curl_slist* head = curl().slist_append(list.get(), line.c_str());
+    if (head == nullptr) throw Error(Error::CurlError, "curl().slist_append() failed", url);
     if (!list) list.reset(head);  // later appends keep the same head
   }
   return list;
@@ -100,7 +101,7 @@ HeaderList buildHeaderList(const std::map<std::string, std::pair<std::string, bo
 boost::mutex FileDownloader::m_globalLock;
 
 void FileDownloader::EasyHandleDeleter::operator()(void* handle) const {
-  curl_easy_cleanup(handle);
+  curl().easy_cleanup(handle);
 }
 
 FileDownloader::FileDownloader()
@@ -115,20 +116,20 @@ FileDownloader::FileDownloader()
   static_assert(kErrorBufferSize == CURL_ERROR_SIZE, "the error buffer is libcurl's size");
   try {
     boost::lock_guard<boost::mutex> lock(m_globalLock);
-    const CURLcode code = curl_global_init(CURL_GLOBAL_ALL);
-    if (code != CURLE_OK) throw Error(Error::CurlError, code, "curl_global_init() failed", "");
+    const CURLcode code = curl().global_init(CURL_GLOBAL_ALL);
+    if (code != CURLE_OK) throw Error(Error::CurlError, code, "curl().global_init() failed", "");
   } catch (const FileDownloaderError& error) {
     throw std::runtime_error(error.errorString());
   }
 }
 
 FileDownloader::~FileDownloader() {
-  if (m_http200Aliases != nullptr) curl_slist_free_all(m_http200Aliases);
+  if (m_http200Aliases != nullptr) curl().slist_free_all(m_http200Aliases);
   // A handle left by a transfer that ended by a thrown error goes before libcurl's cleanup.
   m_curl.reset();
   try {
     boost::lock_guard<boost::mutex> lock(m_globalLock);
-    curl_global_cleanup();
+    curl().global_cleanup();
   } catch (...) {
     // Destructors do not throw; the lock can only fail on a broken mutex.
   }
@@ -160,7 +161,7 @@ void FileDownloader::setMaximumTransferRate(unsigned int bytesPerSecond) {
 
 void FileDownloader::addHTTPAlias(const char* alias) {
   // On failure libcurl answers null and the earlier aliases are dropped with it, by design.
-  m_http200Aliases = curl_slist_append(m_http200Aliases, alias);
+  m_http200Aliases = curl().slist_append(m_http200Aliases, alias);
 }
 
 long FileDownloader::responseCode() { return m_responseCode; }
@@ -249,9 +250,9 @@ FileDownloaderError FileDownloader::download(const std::string& url, WriteCallba
     SELVANE_SET_OPTION(h, CURLOPT_POSTFIELDSIZE, static_cast<long>(m_postData.size()), url);
   }
 
-  const CURLcode performed = curl_easy_perform(h);
+  const CURLcode performed = curl().easy_perform(h);
   if (performed != CURLE_OK) {
-    (void)curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &m_responseCode);
+    (void)curl().easy_getinfo(h, CURLINFO_RESPONSE_CODE, &m_responseCode);
     throw Error(Error::CurlError, performed, m_errorBuffer, url);
   }
   SELVANE_GET_INFO(h, CURLINFO_RESPONSE_CODE, &m_responseCode, url);

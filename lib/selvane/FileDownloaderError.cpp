@@ -1,5 +1,6 @@
 #include "selvane/FileDownloaderError.h"
 
+#include "LoadedLibraries.h"
 #include "Log.h"
 
 namespace selvane {
@@ -23,7 +24,7 @@ FileDownloaderError::FileDownloaderError(ErrorCode code, CURLcode curlCode,
 std::string FileDownloaderError::errorString() const {
   std::string text;
   if (curlCode != CURLE_OK) {
-    text = std::string("[CURL] ") + curl_easy_strerror(curlCode);
+    text = std::string("[CURL] ") + curl().easy_strerror(curlCode);
   } else {
     text = kCategoryWords[code];
   }

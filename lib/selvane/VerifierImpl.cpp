@@ -9,6 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "LoadedLibraries.h"
 #include "selvane/PackageVerifier.h"
 
 namespace selvane {
@@ -25,7 +26,9 @@ void VerifierImpl::ContextDeleter::operator()(evp_md_ctx_st* context) const {
   EVP_MD_CTX_destroy(context);
 }
 
-void VerifierImpl::ArchiveDeleter::operator()(archive* handle) const { archive_read_free(handle); }
+void VerifierImpl::ArchiveDeleter::operator()(archive* handle) const {
+  libarchive().read_free(handle);
+}
 
 VerifierImpl::VerifierImpl(const evp_pkey_st* key, const std::string& packagePath)
     : key(key), packagePath(packagePath) {
@@ -48,14 +51,15 @@ VerifierImpl::~VerifierImpl() {
 }
 
 bool VerifierImpl::openArchive() {
-  handle.reset(archive_read_new());
+  handle.reset(libarchive().read_new());
   if (!handle) return false;
   // Only plain ar archives: no compression filter, no other format.
-  archive_read_support_format_ar(handle.get());
-  return archive_read_open_filename(handle.get(), packagePath.c_str(), kBlockSize) == ARCHIVE_OK;
+  libarchive().read_support_format_ar(handle.get());
+  return libarchive().read_open_filename(handle.get(), packagePath.c_str(), kBlockSize) ==
+         ARCHIVE_OK;
 }
 
-bool VerifierImpl::closeArchive() { return archive_read_free(handle.release()) == ARCHIVE_OK; }
+bool VerifierImpl::closeArchive() { return libarchive().read_free(handle.release()) == ARCHIVE_OK; }
 
 bool VerifierImpl::reopenArchive() { return closeArchive() && openArchive(); }
 
@@ -69,14 +73,14 @@ int VerifierImpl::seekToArchiveEntry(const char* name) {
     // A handle that could not even be created counts as a broken archive.
     if (!handle) throw std::runtime_error("A fatal error occurred while parsing the archive");
     archive_entry* entry = nullptr;
-    switch (archive_read_next_header(handle.get(), &entry)) {
+    switch (libarchive().read_next_header(handle.get(), &entry)) {
       case ARCHIVE_OK:
       case ARCHIVE_WARN: {
-        const char* path = archive_entry_pathname(entry);
+        const char* path = libarchive().entry_pathname(entry);
         if (path != nullptr && std::strcmp(path, name) == 0) {
-          result = static_cast<int32_t>(static_cast<uint32_t>(archive_entry_size(entry)));
+          result = static_cast<int32_t>(static_cast<uint32_t>(libarchive().entry_size(entry)));
         } else {
-          archive_read_data_skip(handle.get());
+          libarchive().read_data_skip(handle.get());
         }
         retries = 0;
         break;
@@ -104,7 +108,7 @@ bool VerifierImpl::addFileToVerify(const char* name) {
   unsigned char chunk[kBlockSize];
   la_ssize_t count;
   // A read error just ends the member: the signature check that follows fails instead.
-  while ((count = archive_read_data(handle.get(), chunk, sizeof chunk)) > 0)
+  while ((count = libarchive().read_data(handle.get(), chunk, sizeof chunk)) > 0)
     EVP_DigestUpdate(context.get(), chunk, static_cast<size_t>(count));
   return true;
 }
@@ -117,7 +121,7 @@ bool VerifierImpl::finishAndVerify() {
   // and is refused before anything is allocated for it.
   if (key == nullptr || size > EVP_PKEY_size(key)) return false;
   buffer.assign(static_cast<size_t>(size), 0);
-  const la_ssize_t count = archive_read_data(handle.get(), buffer.data(), buffer.size());
+  const la_ssize_t count = libarchive().read_data(handle.get(), buffer.data(), buffer.size());
   bool verified = false;
   if (count > 0) {
     verified = EVP_VerifyFinal(context.get(), buffer.data(), static_cast<unsigned int>(count),
