@@ -1,5 +1,5 @@
 #!/bin/bash
-# Installs the build into a fresh prefix outside /usr, then, from that prefix only: runs the
+# Installs the build into a fresh prefix outside /usr and moves it, then, from there only: runs the
 # installed selvane-update, and builds and runs a small consumer once through find_package(selvane)
 # and once through pkg-config.
 #
@@ -15,7 +15,9 @@ trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 mkdir "$work/scratch"
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
+# Installed in one place and used from another: nothing may depend on where it was installed.
+cmake --install "$build" --prefix "$work/staging" >/dev/null
+mv "$work/staging" "$prefix"
 "${emulator[@]}" "$prefix/bin/selvane-update" --help >"$work/help"
 grep -q '^usage: selvane-update' "$work/help"
 echo "installed selvane-update --help: ok"
