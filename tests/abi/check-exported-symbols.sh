@@ -9,12 +9,13 @@ nm=$1 library=$2 list=$3
 # The allowed names, as two anchored extended regular expressions: any definition, weak only.
 names() { grep -Ev '^[[:space:]]*(#|$)' "$list" | sed -nE "$1" | paste -sd'|'; }
 any="^($(names '/^weak /!p'))(::|\(|$)"
-weak="^((void|bool|int) )?($(names 's/^weak //p'))"
+weak="(^| )($(names 's/^weak //p'))"  # after the return type, if any
 
 # "TYPE DEMANGLED-NAME" per exported definition, with the typeinfo, vtable and thunk wording
-# removed so that they count as their class.
+# removed so that they count as their class (and AddressSanitizer's indicator of an exported
+# global as that global).
 symbols=$("$nm" -D --defined-only "$library" | awk '{ print $2, $3 }' |
-  while read -r type name; do printf '%s %s\n' "$type" "$(c++filt "$name")"; done |
+  while read -r type name; do printf '%s %s\n' "$type" "$(c++filt "${name#__odr_asan.}")"; done |
   sed -E 's/^(.) (typeinfo name for |typeinfo for |vtable for |VTT for |(non-)?virtual thunk to )/\1 /')
 [ -n "$symbols" ] || { echo "no exported symbols read from $library" >&2; exit 1; }
 
