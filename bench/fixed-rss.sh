@@ -23,10 +23,10 @@ program() {
   names+=("$name")
 }
 program none
-program protobuf $(pkg-config --libs protobuf)
+program protobuf -lprotobuf
 program boost -lboost_filesystem
-program curl $(pkg-config --libs libcurl)
-program libarchive $(pkg-config --libs libarchive)
+program curl -lcurl
+program libarchive -larchive
 program openssl -lcrypto
 program libselvane -L"$build/lib/selvane" -lselvane -Wl,-rpath,"$build/lib/selvane"
 
