@@ -15,6 +15,7 @@
 #include <selvane/MMCDevice.h>
 #include <selvane/MMCPartition.h>
 #include <selvane/Manifest.h>
+#include <selvane/ManifestVerifier.h>
 #include <selvane/PackageManager.h>
 #include <selvane/PackageVerifier.h>
 #include <selvane/PackageVerifierSet.h>
