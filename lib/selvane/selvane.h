@@ -17,6 +17,7 @@
 #include <selvane/Manifest.h>
 #include <selvane/ManifestVerifier.h>
 #include <selvane/PackageManager.h>
+#include <selvane/PackageStructure.h>
 #include <selvane/PackageVerifier.h>
 #include <selvane/PackageVerifierSet.h>
 #include <selvane/Partition.h>
