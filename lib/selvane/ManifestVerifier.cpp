@@ -13,6 +13,7 @@
 
 #include "KeyDirectory.h"
 #include "Log.h"
+#include "UniqueFd.h"
 
 namespace selvane {
 namespace {
@@ -24,44 +25,14 @@ struct ContextDeleter {
 };
 using DigestVerifier = std::unique_ptr<EVP_MD_CTX, ContextDeleter>;
 
-class Descriptor {
- public:
-  explicit Descriptor(const std::string& path)
-      : fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)) {}
-  ~Descriptor() {
-    if (fd >= 0) close(fd);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+off_t regularFileSize(int fd) {
+  struct stat status;
+  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
+}
 
-  bool isOpen() const { return fd >= 0; }
-  // Like read(2), retried on EINTR.
-  ssize_t read(void* buffer, size_t size) const {
-    ssize_t count;
-    do {
-      count = ::read(fd, buffer, size);
-    } while (count < 0 && errno == EINTR);
-    return count;
-  }
-  // Reads until size bytes are in or the file ends; -1 on an error.
-  ssize_t readFully(unsigned char* buffer, size_t size) const {
-    size_t total = 0;
-    while (total < size) {
-      const ssize_t count = read(buffer + total, size - total);
-      if (count < 0) return -1;
-      if (count == 0) break;
-      total += static_cast<size_t>(count);
-    }
-    return static_cast<ssize_t>(total);
-  }
-  off_t regularFileSize() const {
-    struct stat status;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
-  }
-
- private:
-  int fd;
-};
+UniqueFd openForReading(const std::string& path) {
+  return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+}
 
 // Why a signature file cannot be a signature, as logged.
 struct Refusal {
@@ -75,13 +46,13 @@ const Refusal kEmpty{"emptySignature", "The signature is empty"};
 // Reads a signature of at most maxSize bytes into signature; on failure, the reason.
 const Refusal* readSignature(const std::string& path, size_t maxSize,
                              std::vector<unsigned char>& signature) {
-  Descriptor file(path);
-  const off_t size = file.isOpen() ? file.regularFileSize() : -1;
+  const UniqueFd file = openForReading(path);
+  const off_t size = file ? regularFileSize(file.get()) : -1;
   if (size < 0) return &kUnreadable;
   if (static_cast<uintmax_t>(size) > maxSize) return &kTooLarge;
   // One byte more than any key's signature tells a file that grew meanwhile.
   signature.resize(maxSize + 1);
-  const ssize_t count = file.readFully(signature.data(), signature.size());
+  const ssize_t count = ReadFully(file.get(), signature.data(), signature.size());
   if (count < 0) return &kUnreadable;
   if (static_cast<size_t>(count) > maxSize) return &kTooLarge;
   if (count == 0) return &kEmpty;
@@ -136,10 +107,10 @@ bool ManifestVerifier::verifyManifest(const std::string& manifestPath,
   }
   ERR_clear_error();
 
-  Descriptor manifest(manifestPath);
+  const UniqueFd manifest = openForReading(manifestPath);
   std::vector<unsigned char> buffer(kReadSize);
-  ssize_t count = manifest.isOpen() ? 0 : -1;
-  while (manifest.isOpen() && (count = manifest.read(buffer.data(), buffer.size())) > 0) {
+  ssize_t count = manifest ? 0 : -1;
+  while (manifest && (count = ReadFully(manifest.get(), buffer.data(), buffer.size())) > 0) {
     for (const DigestVerifier& verifier : verifiers)
       EVP_DigestVerifyUpdate(verifier.get(), buffer.data(), static_cast<size_t>(count));
   }

@@ -16,6 +16,7 @@
 #include <selvane/MMCPartition.h>
 #include <selvane/Manifest.h>
 #include <selvane/ManifestVerifier.h>
+#include <selvane/OpenInRoot.h>
 #include <selvane/PackageManager.h>
 #include <selvane/PackageStructure.h>
 #include <selvane/PackageVerifier.h>
