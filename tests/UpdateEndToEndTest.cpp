@@ -143,9 +143,8 @@ class SimulatedDevice {
     }
     command += " && " + kBin + "/selvane-pack manifest --version " + name + " --base-url " +
                (base.empty() ? url(name) : base) + " --output " + out + "/manifest " + out +
-               "/*.ipk && openssl dgst -sha256 -sign " +
-               (key.empty() ? dir + "/keys/release.pem" : key) + " -out " + out + "/manifest.sig " +
-               out + "/manifest";
+               "/*.ipk && " + kBin + "/selvane-pack sign-manifest --key " +
+               (key.empty() ? dir + "/keys/release.pem" : key) + " " + out + "/manifest";
     std::string output;
     ASSERT_EQ(harness::shell(command + " 2>&1", &output), 0) << output;
   }
@@ -497,6 +496,14 @@ TEST_F(UpdateEndToEnd, HostileServersManifestsAndRootsAreRefused) {
                         false);
        },
        "nocheck/manifest", 12, "without /usr/local/bin/ota-sanity-check.sh"},
+      {"sums-entry-out-of-root",
+       [&] {
+         fixtures::PackageRecipe recipe = withRandomData("sums", "1.0", 100);
+         recipe.withSha256Sums = false;
+         recipe.scripts["sha256sums"] = std::string(64, '0') + "  ../../dev/zero\n";
+         device.publish("sums", {extra(recipe)});
+       },
+       "sums/manifest", 11, "do not match their packages"},
       {"oversize-body",
        [&] {
          device.publish("oversize", {fresh()});
@@ -533,6 +540,9 @@ TEST_F(UpdateEndToEnd, HostileServersManifestsAndRootsAreRefused) {
        "release-2.0/manifest", 16, "/var/lib"},
       {"symlinked-tmp", [&] { tamper("ln -s " + host + "/tmp tmp"); }, "release-2.0/manifest", 16,
        "/tmp"},
+      {"symlinked-package-directory",
+       [&] { tamper("mkdir usr && ln -s " + host + "/tmp usr/share"); }, "release-2.0/manifest", 16,
+       "/usr/share"},
       {"relative-link-out",
        [&] {
          tamper("mkdir -p usr/local && ln -s ../../../../../../../.." + host + " usr/local/bin");
@@ -555,4 +565,16 @@ TEST_F(UpdateEndToEnd, HostileServersManifestsAndRootsAreRefused) {
         1)
         << attack.name << ": " << cache;
   }
+
+  // Plain http and an older release, when the device's owner allows them.
+  tamper("true");
+  std::string out;
+  EXPECT_EQ(
+      device.update("install" + keys + " --allow-http --allow-downgrade --manifest http://" +
+                        "127.0.0.1:" + harness::readFile(device.dir + "/http-port").substr(0, 5) +
+                        "/0.9/manifest",
+                    &out),
+      0)
+      << out;
+  EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
 }

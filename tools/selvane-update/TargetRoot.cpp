@@ -1,13 +1,19 @@
 #include "TargetRoot.h"
 
+#include <archive.h>
+#include <archive_entry.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <selvane/OpenInRoot.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <memory>
+#include <set>
+#include <stdexcept>
 #include <vector>
 
 #include "Failure.h"
@@ -87,18 +93,9 @@ std::string linkOut(const std::string& root, const std::string& path) {
   return "";
 }
 
-// A directory of root, opened without following a link at any step.
-int openDirectory(const std::string& root, const std::string& path) {
-  int fd = open(root.empty() ? "/" : root.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
-  for (const std::string& part : components(path)) {
-    if (fd < 0) break;
-    const int next = openat(fd, part.c_str(), O_DIRECTORY | O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    const int error = errno;
-    close(fd);
-    fd = next;
-    errno = error;
-  }
-  return fd;
+// root's /etc, reached as root's own system reaches it: links in it stay inside root.
+int openEtc(const std::string& root) {
+  return selvane::OpenInRoot(root.empty() ? "/" : root, "/etc", O_DIRECTORY | O_RDONLY | O_CLOEXEC);
 }
 
 class Descriptor {
@@ -115,7 +112,73 @@ class Descriptor {
   int fd;
 };
 
+// Reading the data member of a package: the outer (ar) archive hands its bytes on.
+struct ArchiveFree {
+  void operator()(archive* handle) const { archive_read_free(handle); }
+};
+using Archive = std::unique_ptr<archive, ArchiveFree>;
+
+struct MemberSource {
+  archive* outer;
+  char buffer[65536];
+};
+
+la_ssize_t readMember(archive*, void* source, const void** data) {
+  MemberSource* member = static_cast<MemberSource*>(source);
+  *data = member->buffer;
+  return archive_read_data(member->outer, member->buffer, sizeof member->buffer);
+}
+
+// The directories the data member of package creates or writes into, below its root.
+std::set<std::string> dataDirectories(const std::string& package) {
+  Archive outer(archive_read_new());
+  archive_read_support_format_ar(outer.get());
+  if (archive_read_open_filename(outer.get(), package.c_str(), 65536) != ARCHIVE_OK)
+    throw std::runtime_error(archive_error_string(outer.get()));
+  archive_entry* entry = nullptr;
+  while (archive_read_next_header(outer.get(), &entry) == ARCHIVE_OK) {
+    if (std::strcmp(archive_entry_pathname(entry), "data.tar.gz") != 0) continue;
+    auto source = std::make_unique<MemberSource>();
+    source->outer = outer.get();
+    Archive data(archive_read_new());
+    archive_read_support_filter_gzip(data.get());
+    archive_read_support_format_tar(data.get());
+    if (archive_read_open(data.get(), source.get(), nullptr, readMember, nullptr) != ARCHIVE_OK)
+      throw std::runtime_error(archive_error_string(data.get()));
+    std::set<std::string> directories;
+    int status;
+    while ((status = archive_read_next_header(data.get(), &entry)) == ARCHIVE_OK) {
+      const char* name = archive_entry_pathname(entry);
+      std::string path = std::string("/") + (name != nullptr ? name : "");
+      while (path.size() > 1 && path.back() == '/') path.pop_back();
+      if (archive_entry_filetype(entry) != AE_IFDIR) path.erase(path.rfind('/'));
+      directories.insert(path);
+    }
+    if (status != ARCHIVE_EOF) throw std::runtime_error(archive_error_string(data.get()));
+    return directories;
+  }
+  throw std::runtime_error("no data.tar.gz");
+}
+
 }  // namespace
+
+void checkPackagePaths(const std::string& root, const std::string& package,
+                       const std::string& what) {
+  std::set<std::string> directories;
+  try {
+    directories = dataDirectories(package);
+  } catch (const std::runtime_error& e) {
+    throw Failure(Exit::Install, "cannot read the files of " + what + ": " + e.what());
+  }
+  for (const std::string& directory : directories) {
+    const std::string link = linkOut(root, directory);
+    if (!link.empty()) {
+      throw Failure(Exit::UnsafeRoot, link + " in the other root (" + root +
+                                          ") is a link that leads out of it, where " + what +
+                                          " installs " + directory + "; nothing was written");
+    }
+  }
+}
 
 void checkContained(const std::string& root) {
   std::vector<std::string> paths(std::begin(kWrittenPaths), std::end(kWrittenPaths));
@@ -137,7 +200,7 @@ void checkContained(const std::string& root) {
 }
 
 std::string readRelease(const std::string& root) {
-  const Descriptor etc(openDirectory(root, "/etc"));
+  const Descriptor etc(openEtc(root));
   if (etc.get() < 0) return "";
   const Descriptor file(
       openat(etc.get(), kReleaseName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -152,7 +215,7 @@ std::string readRelease(const std::string& root) {
 
 void writeRelease(const std::string& root, const std::string& version) {
   const std::string path = root + kReleaseFile;
-  const Descriptor etc(openDirectory(root, "/etc"));
+  const Descriptor etc(openEtc(root));
   if (etc.get() < 0)
     throw Failure(Exit::Install, "cannot open " + root + "/etc to record the release");
   unlinkat(etc.get(), kReleaseTemporary, 0);
@@ -169,7 +232,7 @@ void writeRelease(const std::string& root, const std::string& version) {
 }
 
 void forgetRelease(const std::string& root) {
-  const Descriptor etc(openDirectory(root, "/etc"));
+  const Descriptor etc(openEtc(root));
   if (etc.get() < 0 && errno == ENOENT) return;
   if (etc.get() < 0 || (unlinkat(etc.get(), kReleaseName, 0) != 0 && errno != ENOENT))
     throw Failure(Exit::Install, "cannot remove " + root + kReleaseFile);

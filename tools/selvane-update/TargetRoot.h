@@ -1,6 +1,6 @@
 // The other root filesystem as a place that may have been tampered with: before anything is
 // written there, every path that the update or the library writes, binds or locks must resolve
-// inside it, and the update's own files in it are reached without following links.
+// inside it, and the update's own files in it are reached as that root's own system reaches them.
 #ifndef SELVANE_UPDATE_TARGETROOT_H
 #define SELVANE_UPDATE_TARGETROOT_H
 
@@ -15,6 +15,12 @@ extern const char kSanityCheckScript[];  // "/usr/local/bin/ota-sanity-check.sh"
 // system follows it, leads out of root through a link (or loops). Entries already in the opkg
 // info directory count as written, since opkg rewrites them.
 void checkContained(const std::string& root);
+
+// Throws an unsafe-root Failure when a directory that opkg would create or fill in root while it
+// installs the package file (what its data member holds) leads out of root through a link;
+// what names the package in the message. An unreadable data member is an install Failure.
+void checkPackagePaths(const std::string& root, const std::string& package,
+                       const std::string& what);
 
 // The release recorded in root ("" for the running system), or "" if none was completed.
 std::string readRelease(const std::string& root);

@@ -221,6 +221,9 @@ void Updater::install() {
 
   // Everything is fetched and checked before the other root is written.
   const std::vector<std::string> files = downloads.fetch(plan.install);
+  for (size_t i = 0; i < files.size(); ++i)
+    checkPackagePaths(root.path(), files[i],
+                      plan.install[i].getName() + " " + plan.install[i].getVersion());
   checkInterrupted("writing " + std::string(selvane::labelToText(other)));
   if (bootsOther) {
     // A half-finished earlier update: never leave the boot loader pointing at a root in work.
