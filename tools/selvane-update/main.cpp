@@ -73,6 +73,8 @@ Command parse(int argc, char** argv) {
       {"--manifest-max-size",
        [&](const std::string& v) {
          command.options.manifestMaxSize = number("--manifest-max-size", v, UINT64_MAX);
+         if (command.options.manifestMaxSize == 0)
+           throw update::Failure(update::Exit::Usage, "--manifest-max-size must be at least 1");
        }},
       {"--timeout",
        [&](const std::string& v) {
