@@ -33,6 +33,7 @@ release() {
   "$bin/selvane-pack" sign --key "$device/keys/release.pem" "$out/payload_${mib}_all.ipk" >/dev/null
   "$bin/selvane-pack" manifest --version "$name" --base-url "https://localhost:$port/$name" \
     --output "$out/manifest" "$out"/*.ipk >/dev/null
+  "$bin/selvane-pack" sign-manifest --key "$device/keys/release.pem" "$out/manifest" >/dev/null
 }
 
 measure() {

@@ -1,8 +1,8 @@
 #!/bin/bash
 # The main job: builds selvane, makes a simulated A/B device, and takes it through one update.
 #
-# The device runs release 1.0 from main-A. selvane-update installs release 2.0, fetched over HTTPS,
-# into main-B and switches the boot properties to main-B. Then main-B is "booted" (chroot), shows
+# The device runs release 1.0 from main-A. selvane-update installs release 2.0, fetched over HTTPS
+# with a signed manifest, into main-B and switches the boot properties to main-B. Then main-B is "booted" (chroot), shows
 # that the new release runs, and marks itself known good. The device is removed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,7 +23,8 @@ manifest=https://localhost:$(cat "$device/port")/release-2.0/manifest
 step "Boot properties before the update"
 "$sim" env "$device"
 step "What the update would do (selvane-update check)"
-"$sim" run "$device" -- build/bin/selvane-update check --manifest "$manifest"
+"$sim" run "$device" -- build/bin/selvane-update check --manifest "$manifest" \
+  --keys "$device/keys/trusted"
 
 step "Installing release 2.0 into main-B (selvane-update install)"
 "$sim" run "$device" -- build/bin/selvane-update install --manifest "$manifest" \

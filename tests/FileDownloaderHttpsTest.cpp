@@ -2,6 +2,7 @@
 // bundle trusts only inside this test binary's private mount namespace.
 #include <selvane/FileDownloader.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -61,7 +62,7 @@ class TrustedCaBundle {
   ~TrustedCaBundle() { umount2(kDefaultBundle, MNT_DETACH); }
 };
 
-enum Listener { kTrusted = 0, kWrongHost = 1, kSelfSigned = 2 };
+enum Listener { kTrusted = 0, kWrongHost = 1, kSelfSigned = 2, kTls12Only = 3 };
 
 class FileDownloaderHttpsTest : public ::testing::Test {
  protected:
@@ -71,9 +72,15 @@ class FileDownloaderHttpsTest : public ::testing::Test {
     const auto identity = [&](const std::string& name) {
       return fixtures::TlsIdentity{dir / (name + ".crt"), dir / (name + ".key")};
     };
-    nginx.reset(
-        new fixtures::NginxServer({identity("server"), identity("wrong"), identity("selfsigned")}));
+    fixtures::TlsIdentity tls12 = identity("server");
+    tls12.protocols = "TLSv1.2";
+    nginx.reset(new fixtures::NginxServer(
+        {identity("server"), identity("wrong"), identity("selfsigned"), tls12}));
     harness::writeFile(nginx->docroot() + "/pkg.ipk", fixtures::patternBody(200000));
+    // 64 GiB of holes: a body that looks endless and costs nothing.
+    const std::string endless = nginx->docroot() + "/endless";
+    harness::writeFile(endless, "");
+    ASSERT_EQ(truncate(endless.c_str(), 64LL << 30), 0);
   }
 
   void TearDown() override {
@@ -133,6 +140,57 @@ TEST_F(FileDownloaderHttpsTest, CertificatesThatDoNotVerifyAreRefused) {
     EXPECT_NE(error.message.find(c.why), std::string::npos) << error.message;
     EXPECT_EQ(log.startingWith("E ").size(), 1u);
     EXPECT_EQ(downloader.responseCode(), 0);
+  }
+}
+
+}  // namespace
+
+namespace {
+
+using TLS = FileDownloader::TLSVersion;
+
+TEST_F(FileDownloaderHttpsTest, TheTransportPolicyLimitsSchemesRedirectsTlsVersionsAndSizes) {
+  TrustedCaBundle trust(dir.path());
+  harness::writeFile(dir / "local", "local file");
+  const std::string https = "https", toHttp = nginx->httpsUrl(kTrusted, "/to-http/pkg.ipk");
+  const struct {
+    std::string protocols, redirectProtocols;
+    TLS tls;
+    uint64_t maxSize;
+    std::string url;
+    CURLcode expected;
+  } cases[] = {
+      // The defaults follow https to http.
+      {"", "", TLS::Default, 0, toHttp, CURLE_OK},
+      {"", "", TLS::Default, 0, nginx->httpsUrl(kTls12Only, "/pkg.ipk"), CURLE_OK},
+      {https, https, TLS::TLSv1_2, 0, nginx->httpsUrl(kTls12Only, "/pkg.ipk"), CURLE_OK},
+      {https, https, TLS::Default, 0, toHttp, CURLE_UNSUPPORTED_PROTOCOL},
+      {https, https, TLS::Default, 0, nginx->httpUrl("/pkg.ipk"), CURLE_UNSUPPORTED_PROTOCOL},
+      {https, https, TLS::Default, 0, "file://" + dir / "local", CURLE_UNSUPPORTED_PROTOCOL},
+      {"", https, TLS::Default, 0, nginx->httpUrl("/pkg.ipk"), CURLE_OK},
+      {https, https, TLS::TLSv1_3, 0, nginx->httpsUrl(kTls12Only, "/pkg.ipk"),
+       CURLE_SSL_CONNECT_ERROR},
+      {https, https, TLS::Default, 1 << 20, nginx->httpsUrl(kTrusted, "/endless"),
+       CURLE_FILESIZE_EXCEEDED},
+      {"", "", TLS::Default, 1 << 20, nginx->httpUrl("/endless"), CURLE_FILESIZE_EXCEEDED},
+  };
+  for (const auto& c : cases) {
+    FileDownloader policed;
+    policed.setAllowedProtocols(c.protocols, c.redirectProtocols);
+    policed.setMinimumTLSVersion(c.tls);
+    policed.setMaximumFileSize(c.maxSize);
+    harness::LogCapture log;
+    const std::string out = dir / "out";
+    const Error result = c.expected == CURLE_OK ? policed.download(c.url, out)
+                                                : thrownBy([&] { policed.download(c.url, out); });
+    EXPECT_EQ(result.curlCode, c.expected) << c.url << " " << result.errorString();
+    EXPECT_EQ(log.startingWith("E ").size(), c.expected == CURLE_OK ? 0u : 1u) << c.url;
+    if (c.expected == CURLE_OK) {
+      EXPECT_EQ(result.code, Error::NoError);
+      EXPECT_EQ(harness::readFile(out), fixtures::patternBody(200000));
+    } else {
+      EXPECT_EQ(harness::readFile(out), "") << c.url;
+    }
   }
 }
 

@@ -311,6 +311,54 @@ TEST_F(FileDownloaderTest, TheRateLimitHoldsTransfersBackAndZeroMeansLibcurlsDef
   EXPECT_EQ(log.count("D selvane:download::Setting send/recv speed to 1000000"), 1u);
 }
 
+TEST_F(FileDownloaderTest, AMaximumFileSizeStopsEveryDestinationAtTheCap) {
+  const size_t cap = 100000;
+  const struct {
+    std::string path;
+    size_t delivered;  // bytes of the pattern handed on; npos: refused past the cap
+  } bodies[] = {
+      {"/ok/100000", cap},
+      {"/nolength/100000", cap},
+      {"/ok/100001", std::string::npos},          // refused on its Content-Length
+      {"/nolength/20000000", std::string::npos},  // no length: stopped in the write path
+  };
+  const std::function<Error(const std::string&)> destinations[] = {
+      [&](const std::string& url) { return downloader.download(url, dir / "out"); },
+      [&](const std::string& url) {
+        const int fd = open((dir / "out").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        const Error result = downloader.download(url, fd);
+        close(fd);
+        return result;
+      },
+      [&](const std::string& url) {
+        sink.data.clear();
+        const Error result = downloader.download(url, &Sink::write, &sink);
+        harness::writeFile(dir / "out", sink.data);
+        return result;
+      },
+  };
+  downloader.setMaximumFileSize(cap);
+  for (const auto& body : bodies) {
+    for (const auto& download : destinations) {
+      const std::string url = server.url(body.path);
+      const bool refused = body.delivered == std::string::npos;
+      harness::LogCapture log;
+      harness::writeFile(dir / "out", "");
+      const Error result = refused ? thrownBy([&] { download(url); }) : download(url);
+      const std::string written = harness::readFile(dir / "out");
+      EXPECT_EQ(result.curlCode, refused ? CURLE_FILESIZE_EXCEEDED : CURLE_OK) << url;
+      EXPECT_EQ(written.size(), refused ? std::min(written.size(), cap) : body.delivered) << url;
+      EXPECT_EQ(written, patternBody(written.size())) << url;
+      EXPECT_EQ(log.startingWith("E "),
+                refused ? Strings{errorLine(url,
+                                            "[CURL] Maximum file size exceeded (Maximum file "
+                                            "size exceeded)")}
+                        : Strings{})
+          << url;
+    }
+  }
+}
+
 TEST(FileDownloaderLifetime, ManyDownloadersBalanceLibcurlsGlobalState) {
   fixtures::HttpTestServer server;
   const auto fetch = [&server] {

@@ -115,3 +115,39 @@ TEST_F(FileUtilsTest, VerifySHA256SumsFileWithoutARootOrAList) {
             (std::vector<std::string>{"E FileUtils:VerifySHA256SumsFile:filepath=" + dir / "none" +
                                       ":Failed to open sha256sums file"}));
 }
+
+// A tampered root whose entries and links lead to files of the host that would match: each entry
+// is resolved inside the root, where only regular files count.
+TEST_F(FileUtilsTest, VerifySHA256SumsFileResolvesEntriesInsideTheRoot) {
+  const std::string root = dir / "a/root";
+  ASSERT_EQ(harness::shell("mkdir -p " + harness::quote(root + "/etc") + " " +
+                           harness::quote(root + "/dev") + " && mkfifo " +
+                           harness::quote(root + "/dev/fifo") + " && mkdir " +
+                           harness::quote(dir / "etc")),
+            0);
+  harness::writeFile(dir / "etc/x", "hello\n");  // what "../../etc/x" reaches from the host
+  harness::writeFile(root + "/etc/hello", "hello\n");
+  for (const auto& [name, target] : {std::pair<std::string, std::string>{"host", dir / "hello"},
+                                     {"zero", "/dev/zero"},
+                                     {"fifo", "/dev/fifo"},
+                                     {"inside", "/../etc/hello"}})
+    ASSERT_EQ(symlink(target.c_str(), (root + "/" + name).c_str()), 0);
+  const struct {
+    std::string entry;
+    bool expected;
+  } cases[] = {
+      {kHello + "  ../../etc/x", false}, {kHello + "  host", false},
+      {kEmpty + "  zero", false},        {kEmpty + "  fifo", false},
+      {kEmpty + "  /etc", false},        {kHello + "  ../../../etc/hello", true},
+      {kHello + "  /inside", true},
+  };
+  const std::string sums = dir / "tampered.sha256sums";
+  for (const auto& c : cases) {
+    harness::writeFile(sums, c.entry + "\n");
+    harness::LogCapture log;
+    EXPECT_EQ(selvane::VerifySHA256SumsFile(sums, root), c.expected) << c.entry;
+    EXPECT_EQ(log.count("W FileUtils:VerifySHA256SumsFile:filepath=" + sums + ":Checksum mismatch"),
+              c.expected ? 0u : 1u)
+        << c.entry;
+  }
+}

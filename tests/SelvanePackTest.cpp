@@ -1,6 +1,7 @@
 // selvane-pack, run as its users run it: signing real packages with keys made by openssl,
 // writing manifests that the library reads back, and printing them.
 #include <selvane/Manifest.h>
+#include <selvane/ManifestVerifier.h>
 #include <selvane/PackageVerifier.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -157,6 +158,9 @@ TEST_F(SelvanePackTest, FailuresAreReportedAndChangeNothing) {
        text + " is not a package: Unrecognized archive format"},
       {manifest(quote(none), out), "cannot read " + none + ": No such file or directory"},
       {manifest(quote(dir.path()), out), dir.path() + " is not a package: not a file"},
+      {"sign-manifest --key " + quote(keyA().publicKey) + " " + quote(out),
+       keyA().publicKey + " is not a PEM private key"},
+      {"sign-manifest -k " + quote(key) + " " + quote(text), "Failed to parse file: " + text},
       {"show " + quote(none), "File does not exist: " + none},
       {"show " + quote(text), "Failed to parse file: " + text},
   };
@@ -213,6 +217,32 @@ TEST_F(SelvanePackTest, ManifestRoundTripsThroughTheLibrary) {
   }
 }
 
+TEST_F(SelvanePackTest, SignedManifestsVerifyInTheLibraryAndWithOpenssl) {
+  const std::string manifest = dir / "manifest.pb";
+  ASSERT_EQ(
+      run("manifest -v 2 -u https://u -o " + quote(manifest) + " " + quote(package("alpha", "1")))
+          .status,
+      0);
+  for (const fixtures::KeyPair* key : {&keyA(), &fixtures::testEcKeyPair("ec")}) {
+    harness::ScratchDir keys;
+    ASSERT_EQ(harness::shell("cp " + quote(key->publicKey) + " " + quote(keys.path())), 0);
+    const selvane::ManifestVerifier verifier(keys.path());
+    // The default output beside the manifest, and one named with --output.
+    for (const std::string& named : {std::string(), dir / "other.sig"}) {
+      const std::string signature = named.empty() ? manifest + ".sig" : named;
+      const ToolRun signing =
+          run("sign-manifest --key " + quote(key->privateKey) +
+              (named.empty() ? "" : " --output " + quote(named)) + " " + quote(manifest));
+      ASSERT_EQ(signing.status, 0) << signing.err;
+      EXPECT_EQ(signing.out + signing.err, "");
+      EXPECT_TRUE(verifier.verifyManifest(manifest, signature)) << key->privateKey;
+      EXPECT_EQ(output("openssl dgst -sha256 -verify " + quote(key->publicKey) + " -signature " +
+                       quote(signature) + " " + quote(manifest)),
+                "Verified OK\n");
+    }
+  }
+}
+
 TEST_F(SelvanePackTest, ShowPrintsTextAndJson) {
   const selvane::Manifest manifest("2024.06",
                                    {{"base-files", "3.0", 6000000000ULL, "https://u/b.ipk", "ab12"},
@@ -247,7 +277,7 @@ TEST_F(SelvanePackTest, ShowPrintsTextAndJson) {
 TEST_F(SelvanePackTest, BadUsageExitsWithTwo) {
   for (const std::string arguments :
        {"", "frobnicate", "sign pkg", "sign --key k", "manifest --version 1 x", "show", "show a b",
-        "show --bogus m"}) {
+        "sign-manifest m", "sign-manifest -k k", "show --bogus m"}) {
     const ToolRun result = run(arguments);
     EXPECT_EQ(result.status, 2) << arguments;
     EXPECT_NE(result.err.find("usage: selvane-pack sign"), std::string::npos) << arguments;

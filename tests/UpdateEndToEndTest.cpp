@@ -129,9 +129,11 @@ class SimulatedDevice {
       if (uri.size() > 4 && uri.compare(uri.size() - 4, 4, ".ipk") == 0) total += bytes;
     return total;
   }
-  // Publishes a release under www/NAME: release 2.0's packages, replaced or joined by others.
+  // Publishes a release under www/NAME, its manifest signed with the release key (or key):
+  // release 2.0's packages, replaced or joined by others, served from base (default www/NAME).
   void publish(const std::string& name, const std::vector<std::string>& packages,
-               bool keepBase = true, const std::string& urlPrefix = "") const {
+               bool keepBase = true, const std::string& base = "",
+               const std::string& key = "") const {
     const std::string out = dir + "/www/" + name;
     std::string command = "mkdir -p " + out;
     if (keepBase) command += " && cp " + dir + "/www/release-2.0/*.ipk " + out;
@@ -140,7 +142,9 @@ class SimulatedDevice {
       command += " && cp " + package + " " + out;
     }
     command += " && " + kBin + "/selvane-pack manifest --version " + name + " --base-url " +
-               url(urlPrefix + name) + " --output " + out + "/manifest " + out + "/*.ipk";
+               (base.empty() ? url(name) : base) + " --output " + out + "/manifest " + out +
+               "/*.ipk && " + kBin + "/selvane-pack sign-manifest --key " +
+               (key.empty() ? dir + "/keys/release.pem" : key) + " " + out + "/manifest";
     std::string output;
     ASSERT_EQ(harness::shell(command + " 2>&1", &output), 0) << output;
   }
@@ -217,7 +221,10 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
   EXPECT_NE(out.find("\"event\":\"up-to-date\""), std::string::npos) << out;
   EXPECT_EQ(device.packageBytesServed(), served);
   EXPECT_EQ(device.untouchable() + device.digest(device.dir + "/images/main-B.img"), state);
-  ASSERT_EQ(device.update("check --manifest " + device.url("release-2.0/manifest"), &out), 0);
+  ASSERT_EQ(device.update("check --manifest " + device.url("release-2.0/manifest") + " --keys " +
+                              device.dir + "/keys/trusted",
+                          &out),
+            0);
   EXPECT_NE(out.find("0 to install, 0 to remove, 4 unchanged"), std::string::npos) << out;
 
   // "Boot" main-B: the new release runs there, and marks itself known good.
@@ -315,7 +322,8 @@ TEST_F(UpdateEndToEnd, AFailingSanityCheckKeepsTheBootSelection) {
 TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARetryCompletesIt) {
   SimulatedDevice device(scratch / "device");
   ASSERT_TRUE(device.created);
-  device.publish("big", {package(device, withRandomData("big", "1.0", 3 << 20))}, true, "slow/");
+  device.publish("big", {package(device, withRandomData("big", "1.0", 3 << 20))}, true,
+                 device.url("slow/big"));
   const std::string state = device.untouchable();
   {
     Background update(device.updateCommand(device.install("big")));
@@ -344,7 +352,8 @@ TEST_F(UpdateEndToEnd, AMainBTooSmallForTheReleaseFailsTheInstall) {
 TEST_F(UpdateEndToEnd, OneUpdateAtATimeAndSigtermAbortsCleanly) {
   SimulatedDevice device(scratch / "device");
   ASSERT_TRUE(device.created);
-  device.publish("big", {package(device, withRandomData("big", "1.0", 2 << 20))}, true, "slow/");
+  device.publish("big", {package(device, withRandomData("big", "1.0", 2 << 20))}, true,
+                 device.url("slow/big"));
   const std::string state = device.untouchable();
   Background first(device.updateCommand(device.install("big")));
   ASSERT_TRUE(first.waitFor("\"event\":\"download\""));
@@ -389,4 +398,183 @@ TEST_F(UpdateEndToEnd, AReleaseWithOneChangedPackageDownloadsOnlyThatPackage) {
               static_cast<double>(downloaded) / static_cast<double>(changed));
   EXPECT_LE(static_cast<double>(downloaded), 1.05 * static_cast<double>(changed));
   EXPECT_NE(out.find("\"install\":[\"app07 2.0\"]"), std::string::npos) << out;
+}
+
+// Attacks by a hostile server, a hostile manifest and a tampered main-B. Each one ends with its
+// exit code, and with main-A, the boot properties and the host outside main-B and the cache as
+// they were: HOST is a host directory that the attacks aim at, full of bait.
+TEST_F(UpdateEndToEnd, HostileServersManifestsAndRootsAreRefused) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  const std::string host = scratch / "host", otherKey = scratch / "other.pem";
+  ASSERT_EQ(harness::shell("mkdir -p " + host + "/var-lib/opkg " + host + "/tmp " + host +
+                           "/etc && for f in var-lib/opkg/status var-lib/opkg/lock tmp/bait "
+                           "etc/bait bait_x.ipk; do echo bait >" +
+                           host + "/$f; done && " + "openssl genrsa -out " + otherKey +
+                           " 2048 2>/dev/null"),
+            0);
+  const std::string escape = "../../../../../../../.." + host;  // from the cache, onto HOST
+  const std::string www = device.dir + "/www/", keys = " --keys " + device.dir + "/keys/trusted";
+  const std::string release2 = www + "release-2.0/";
+  auto extra = [&](fixtures::PackageRecipe recipe) { return package(device, recipe); };
+  auto fresh = [&] { return extra(withRandomData("extra", "1.0", 1000)); };
+  auto named = [](const std::string& name, const std::string& version) {
+    fixtures::PackageRecipe recipe;
+    recipe.name = "extra";
+    recipe.rawControl = "Package: " + name + "\nVersion: " + version +
+                        "\nArchitecture: all\nMaintainer: x\nDescription: x\n";
+    return recipe;
+  };
+  // A fresh main-B, changed by a shell command run at its top.
+  auto tamper = [&](const std::string& command) {
+    const std::string mnt = device.dir + "/mnt/tamper";
+    ASSERT_EQ(device.sim(
+                  "run " + device.dir + " -- sh -c " +
+                  harness::quote("mkfs.ext3 -q -F /dev/disk/by-partlabel/main-B && mkdir -p " +
+                                 mnt + " && mount /dev/disk/by-partlabel/main-B " + mnt +
+                                 " && cd " + mnt + " && " + command + " && cd / && umount " + mnt)),
+              0);
+  };
+  auto served = [&](const std::string& release) { return www + release + "/extra_1.0_all.ipk"; };
+  auto snapshot = [&] {
+    std::string out;
+    harness::shell("cd " + host +
+                       " && find . -printf '%p %s %y %l\\n' | sort && cat $(find . "
+                       "-type f | sort)",
+                   &out);
+    return device.untouchable() + device.bootProperties() + out;
+  };
+
+  struct Attack {
+    const char* name;
+    std::function<void()> prepare;
+    std::string arguments;  // appended to install: the release's manifest, or more
+    int exitCode;
+    const char* message;
+  };
+  const std::string manifest = "--json install" + keys + " --manifest " + device.url("");
+  const std::vector<Attack> attacks = {
+      {"appended-members",
+       [&] {
+         const std::string good = extra(withRandomData("extra", "1.0", 2000));
+         const std::string evil = package(device, [] {
+           fixtures::PackageRecipe recipe;
+           recipe.name = "evil";
+           recipe.scripts["postinst"] = "#!/bin/sh\ntouch /evil\n";
+           recipe.executables["/etc/init.d/evil"] = "#!/bin/sh\n";
+           return recipe;
+         }());
+         harness::shell("cd " + packages.path() + " && ar x " + evil +
+                        " control.tar.gz data.tar.gz && ar q " + good +
+                        " control.tar.gz data.tar.gz");
+         device.publish("appended", {good});
+       },
+       "appended/manifest", 7, "extra 1.0"},
+      {"name-out-of-cache", [&] { device.publish("name", {extra(named(escape + "/bait", "x"))}); },
+       "name/manifest", 3, "name of a package"},
+      {"version-out-of-cache",
+       [&] { device.publish("version", {extra(named("extra", "1.0/" + escape))}); },
+       "version/manifest", 3, "version of package extra"},
+      {"unsigned-manifest",
+       [&] {
+         device.publish("unsigned", {});
+         std::remove((www + "unsigned/manifest.sig").c_str());
+       },
+       "unsigned/manifest", 7, "is not signed"},
+      {"manifest-signed-by-another-key",
+       [&] { device.publish("missigned", {}, true, "", otherKey); }, "missigned/manifest", 7,
+       "is not signed by any key"},
+      {"http-without-a-signed-manifest", nullptr,
+       "release-2.0/manifest --allow-http --allow-unsigned-manifest", 2, "--allow-http"},
+      {"older-release", [&] { device.publish("0.9", {}); }, "0.9/manifest", 17,
+       "older than the running release 1.0"},
+      {"release-without-the-sanity-check",
+       [&] {
+         device.publish("nocheck",
+                        {release2 + "busybox_1.35.0_all.ipk", release2 + "opkg_0.1_all.ipk",
+                         release2 + "hello_2.0_all.ipk"},
+                        false);
+       },
+       "nocheck/manifest", 12, "without /usr/local/bin/ota-sanity-check.sh"},
+      {"sums-entry-out-of-root",
+       [&] {
+         fixtures::PackageRecipe recipe = withRandomData("sums", "1.0", 100);
+         recipe.withSha256Sums = false;
+         recipe.scripts["sha256sums"] = std::string(64, '0') + "  ../../dev/zero\n";
+         device.publish("sums", {extra(recipe)});
+       },
+       "sums/manifest", 11, "do not match their packages"},
+      {"oversize-body",
+       [&] {
+         device.publish("oversize", {fresh()});
+         harness::shell("truncate -s 200M " + served("oversize"));
+       },
+       "oversize/manifest", 5, "the transfer was stopped"},
+      {"endless-body",
+       [&] {
+         device.publish("endless", {fresh()}, true, device.url("unsized/endless"));
+         harness::shell("truncate -s 1T " + served("endless"));
+       },
+       "endless/manifest", 5, "the transfer was stopped"},
+      {"huge-manifest",
+       [&] {
+         harness::shell("mkdir -p " + www + "huge && truncate -s 300M " + www + "huge/manifest");
+       },
+       "huge/manifest", 5, "the transfer was stopped"},
+      {"redirect-to-http",
+       [&] { device.publish("via-http", {fresh()}, true, device.url("to-http/via-http")); },
+       "via-http/manifest", 4, "Protocol \\\"http\\\" not supported"},
+      {"redirect-to-file",
+       [&] { device.publish("via-file", {fresh()}, true, device.url("to-file/via-file")); },
+       "via-file/manifest", 4, "Protocol \\\"file\\\" not supported"},
+      {"redirect-to-ftp",
+       [&] { device.publish("via-ftp", {fresh()}, true, device.url("to-ftp/via-ftp")); },
+       "via-ftp/manifest", 4, "Protocol \\\"ftp\\\" not supported"},
+      {"file-url",
+       [&] { device.publish("file-url", {fresh()}, true, "file://" + www + "file-url"); },
+       "file-url/manifest", 4, "Protocol \\\"file\\\" not supported"},
+      {"symlinked-release-record",
+       [&] { tamper("mkdir etc && ln -s " + host + "/etc/bait etc/selvane-release.new"); },
+       "release-2.0/manifest", 16, "/etc/selvane-release.new"},
+      {"symlinked-var-lib", [&] { tamper("mkdir var && ln -s " + host + "/var-lib var/lib"); },
+       "release-2.0/manifest", 16, "/var/lib"},
+      {"symlinked-tmp", [&] { tamper("ln -s " + host + "/tmp tmp"); }, "release-2.0/manifest", 16,
+       "/tmp"},
+      {"symlinked-package-directory",
+       [&] { tamper("mkdir usr && ln -s " + host + "/tmp usr/share"); }, "release-2.0/manifest", 16,
+       "/usr/share"},
+      {"relative-link-out",
+       [&] {
+         tamper("mkdir -p usr/local && ln -s ../../../../../../../.." + host + " usr/local/bin");
+       },
+       "release-2.0/manifest", 16, "/usr/local/bin"},
+  };
+  for (const Attack& attack : attacks) {
+    if (attack.prepare) attack.prepare();
+    const std::string before = snapshot();
+    std::string out;
+    EXPECT_EQ(device.update(manifest + attack.arguments, &out), attack.exitCode)
+        << attack.name << "\n"
+        << out;
+    EXPECT_NE(out.find(attack.message), std::string::npos) << attack.name << "\n" << out;
+    EXPECT_EQ(snapshot(), before) << attack.name;
+    std::string cache;  // checked packages only: no manifest, no partial download
+    device.sim("run " + device.dir + " -- ls -A /var/cache/selvane", &cache);
+    EXPECT_EQ(
+        harness::shell("echo " + harness::quote(cache) + " | grep -vE '^[0-9a-f]{64}[.]ipk$|^$'"),
+        1)
+        << attack.name << ": " << cache;
+  }
+
+  // Plain http and an older release, when the device's owner allows them.
+  tamper("true");
+  std::string out;
+  EXPECT_EQ(
+      device.update("install" + keys + " --allow-http --allow-downgrade --manifest http://" +
+                        "127.0.0.1:" + harness::readFile(device.dir + "/http-port").substr(0, 5) +
+                        "/0.9/manifest",
+                    &out),
+      0)
+      << out;
+  EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
 }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/thread/lock_guard.hpp>
 #include <cerrno>
 #include <cmath>
@@ -65,10 +66,51 @@ void restoreSigpipe(const struct sigaction& saved) {
   }
 }
 
+long sslVersion(FileDownloader::TLSVersion version) {
+  using TLS = FileDownloader::TLSVersion;
+  switch (version) {
+    case TLS::TLSv1_0:
+      return CURL_SSLVERSION_TLSv1_0;
+    case TLS::TLSv1_1:
+      return CURL_SSLVERSION_TLSv1_1;
+    case TLS::TLSv1_2:
+      return CURL_SSLVERSION_TLSv1_2;
+    case TLS::TLSv1_3:
+      return CURL_SSLVERSION_TLSv1_3;
+    case TLS::Default:
+      break;
+  }
+  return CURL_SSLVERSION_TLSv1;
+}
+
+// What libcurl says when a Content-Length passes CURLOPT_MAXFILESIZE; the write path says the same.
+const char kFileSizeExceeded[] = "Maximum file size exceeded";
+
+// Stands between libcurl and the caller's write callback and hands on at most `limit` bytes: the
+// chunk that would pass it is refused whole, which ends the transfer.
+struct CappedWriter {
+  FileDownloader::WriteCallback callback;
+  void* userdata;
+  std::uint64_t limit;
+  std::uint64_t written;
+  bool exceeded;
+
+  static size_t write(char* data, size_t size, size_t count, void* self) {
+    CappedWriter* writer = static_cast<CappedWriter*>(self);
+    const std::uint64_t bytes = static_cast<std::uint64_t>(size) * count;
+    if (bytes > writer->limit - writer->written) {
+      writer->exceeded = true;
+      return 0;
+    }
+    writer->written += bytes;
+    return writer->callback(data, size, count, writer->userdata);
+  }
+};
+
 // A new easy handle with the policy every transfer shares. Failures carry no URL.
-EasyHandle createHandle(char* errorBuffer) {
+EasyHandle createHandle(char* errorBuffer, long tlsVersion) {
   EasyHandle handle(curl().easy_init());
-  if (!handle) throw Error(Error::CurlError, "curl().easy_init() failed", "");
+  if (!handle) throw Error(Error::CurlError, "curl_easy_init() failed", "");
   CURL* h = handle.get();
   const std::string none;
   SELVANE_SET_OPTION(h, CURLOPT_MAXREDIRS, 10L, none);
@@ -79,7 +121,7 @@ EasyHandle createHandle(char* errorBuffer) {
   SELVANE_SET_OPTION(h, CURLOPT_ERRORBUFFER, errorBuffer, none);
   SELVANE_SET_OPTION(h, CURLOPT_SSL_VERIFYHOST, 2L, none);
   SELVANE_SET_OPTION(h, CURLOPT_SSL_VERIFYPEER, 1L, none);
-  SELVANE_SET_OPTION(h, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1), none);
+  SELVANE_SET_OPTION(h, CURLOPT_SSLVERSION, tlsVersion, none);
   return handle;
 }
 
@@ -90,7 +132,7 @@ HeaderList buildHeaderList(const std::map<std::string, std::pair<std::string, bo
     const std::string line = entry.first + ": " + entry.second.first;
     // On failure libcurl leaves the list as it was, so the owner still frees it.
     curl_slist* head = curl().slist_append(list.get(), line.c_str());
-    if (head == nullptr) throw Error(Error::CurlError, "curl().slist_append() failed", url);
+    if (head == nullptr) throw Error(Error::CurlError, "curl_slist_append() failed", url);
     if (!list) list.reset(head);  // later appends keep the same head
   }
   return list;
@@ -112,12 +154,14 @@ FileDownloader::FileDownloader()
       m_responseCode(0),
       m_bufferSize(0),
       m_maxTransferRate(0),
-      m_http200Aliases(nullptr) {
+      m_http200Aliases(nullptr),
+      m_minimumTLSVersion(TLSVersion::Default),
+      m_maximumFileSize(0) {
   static_assert(kErrorBufferSize == CURL_ERROR_SIZE, "the error buffer is libcurl's size");
   try {
     boost::lock_guard<boost::mutex> lock(m_globalLock);
     const CURLcode code = curl().global_init(CURL_GLOBAL_ALL);
-    if (code != CURLE_OK) throw Error(Error::CurlError, code, "curl().global_init() failed", "");
+    if (code != CURLE_OK) throw Error(Error::CurlError, code, "curl_global_init() failed", "");
   } catch (const FileDownloaderError& error) {
     throw std::runtime_error(error.errorString());
   }
@@ -158,6 +202,16 @@ void FileDownloader::setBufferSize(unsigned int size) { m_bufferSize = size; }
 void FileDownloader::setMaximumTransferRate(unsigned int bytesPerSecond) {
   m_maxTransferRate = bytesPerSecond;
 }
+
+void FileDownloader::setAllowedProtocols(const std::string& protocols,
+                                         const std::string& redirectProtocols) {
+  m_allowedProtocols = protocols;
+  m_redirectProtocols = redirectProtocols;
+}
+
+void FileDownloader::setMinimumTLSVersion(TLSVersion version) { m_minimumTLSVersion = version; }
+
+void FileDownloader::setMaximumFileSize(std::uint64_t bytes) { m_maximumFileSize = bytes; }
 
 void FileDownloader::addHTTPAlias(const char* alias) {
   // On failure libcurl answers null and the earlier aliases are dropped with it, by design.
@@ -208,17 +262,23 @@ FileDownloaderError FileDownloader::download(const std::string& url, WriteCallba
 
   // From here on a thrown error leaves SIGPIPE ignored and the one-shot state in place.
   const struct sigaction savedSigpipe = ignoreSigpipe();
-  EasyHandle handle = createHandle(m_errorBuffer);
+  EasyHandle handle = createHandle(m_errorBuffer, sslVersion(m_minimumTLSVersion));
   CURL* h = handle.get();
   void* data = const_cast<void*>(userdata);
+  CappedWriter capped{callback, data, m_maximumFileSize, 0, false};
 
   SELVANE_SET_OPTION(h, CURLOPT_URL, url.c_str(), url);
   HeaderList headers = buildHeaderList(m_headers, url);
   SELVANE_SET_OPTION(h, CURLOPT_HTTPHEADER, headers.get(), url);
   if (m_http200Aliases != nullptr)
     SELVANE_SET_OPTION(h, CURLOPT_HTTP200ALIASES, m_http200Aliases, url);
-  SELVANE_SET_OPTION(h, CURLOPT_WRITEDATA, data, url);
-  SELVANE_SET_OPTION(h, CURLOPT_WRITEFUNCTION, callback, url);
+  if (m_maximumFileSize != 0) {
+    SELVANE_SET_OPTION(h, CURLOPT_WRITEDATA, &capped, url);
+    SELVANE_SET_OPTION(h, CURLOPT_WRITEFUNCTION, &CappedWriter::write, url);
+  } else {
+    SELVANE_SET_OPTION(h, CURLOPT_WRITEDATA, data, url);
+    SELVANE_SET_OPTION(h, CURLOPT_WRITEFUNCTION, callback, url);
+  }
   if (m_bufferSize != 0) {
     SELVANE_SET_OPTION(h, CURLOPT_BUFFERSIZE, static_cast<long>(m_bufferSize), url);
     SELVANE_LOG_D("selvane:download::Setting buffer size to %d", static_cast<int>(m_bufferSize));
@@ -250,9 +310,22 @@ FileDownloaderError FileDownloader::download(const std::string& url, WriteCallba
     SELVANE_SET_OPTION(h, CURLOPT_POSTFIELDSIZE, static_cast<long>(m_postData.size()), url);
   }
 
+  if (m_maximumFileSize != 0) {
+    // Refuses a body whose Content-Length already says it is too large, before any of it.
+    const curl_off_t limit = static_cast<curl_off_t>(
+        std::min<std::uint64_t>(m_maximumFileSize, std::numeric_limits<curl_off_t>::max()));
+    SELVANE_SET_OPTION(h, CURLOPT_MAXFILESIZE_LARGE, limit, url);
+  }
+  if (!m_allowedProtocols.empty())
+    SELVANE_SET_OPTION(h, CURLOPT_PROTOCOLS_STR, m_allowedProtocols.c_str(), url);
+  if (!m_redirectProtocols.empty())
+    SELVANE_SET_OPTION(h, CURLOPT_REDIR_PROTOCOLS_STR, m_redirectProtocols.c_str(), url);
+
   const CURLcode performed = curl().easy_perform(h);
   if (performed != CURLE_OK) {
     (void)curl().easy_getinfo(h, CURLINFO_RESPONSE_CODE, &m_responseCode);
+    if (capped.exceeded)
+      throw Error(Error::CurlError, CURLE_FILESIZE_EXCEEDED, kFileSizeExceeded, url);
     throw Error(Error::CurlError, performed, m_errorBuffer, url);
   }
   SELVANE_GET_INFO(h, CURLINFO_RESPONSE_CODE, &m_responseCode, url);

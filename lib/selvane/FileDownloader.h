@@ -8,6 +8,11 @@
 // moves less than 1 byte/s for 300 s, connects within 30 s and verifies the peer and host name
 // against libcurl's default CA bundle. Only status 200 is success.
 //
+// Three settings narrow that policy; their defaults keep it as it is: the schemes a request and
+// its redirects may use (libcurl's defaults), the lowest TLS version accepted (TLS 1.0), and a
+// size cap on the body (none). A body that passes the cap ends the transfer at once, with nothing
+// past the cap handed on, whatever Content-Length the server sent or left out.
+//
 // Results are FileDownloaderError values: returned for argument, destination and completeness
 // failures, thrown for transport failures. A thrown error leaves the transfer's state in place:
 // SIGPIPE stays ignored, one-shot headers and the POST body stay for the next transfer, and the
@@ -24,6 +29,7 @@
 
 #include <boost/thread/mutex.hpp>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -37,6 +43,8 @@ class SELVANE_EXPORT FileDownloader {
  public:
   using ProgressCallback = bool (*)(double received, double total);
   using WriteCallback = size_t (*)(char* data, size_t size, size_t count, void* userdata);
+  // Default is TLS 1.0 or later, as libcurl's CURL_SSLVERSION_TLSv1.
+  enum class TLSVersion { Default, TLSv1_0, TLSv1_1, TLSv1_2, TLSv1_3 };
 
   // Initialises libcurl globally (reference counted by libcurl). Throws std::runtime_error.
   FileDownloader();
@@ -70,6 +78,16 @@ class SELVANE_EXPORT FileDownloader {
   void setBufferSize(unsigned int size);
   // Bytes per second in each direction; 0 means unlimited.
   void setMaximumTransferRate(unsigned int bytesPerSecond);
+  // Schemes allowed for the request and for redirects, as comma lists in libcurl's words ("https",
+  // "http,https"); "" leaves libcurl's default for that list. A refused scheme is thrown as
+  // CURLE_UNSUPPORTED_PROTOCOL.
+  void setAllowedProtocols(const std::string& protocols, const std::string& redirectProtocols);
+  // The lowest TLS version the transfer accepts; an older server is thrown as a CURL error.
+  void setMinimumTLSVersion(TLSVersion version);
+  // Largest body, in bytes, that a transfer hands on; 0 means unlimited. A larger body is thrown
+  // as CURLE_FILESIZE_EXCEEDED as soon as it passes the cap (or at once when its Content-Length
+  // does), and its bytes past the cap are not written.
+  void setMaximumFileSize(std::uint64_t bytes);
   // A status-line text (such as "ICY 200 OK") that counts as "HTTP/1.0 200".
   void addHTTPAlias(const char* alias);
   // The status of the last transfer that got as far as a response, failed ones included.
@@ -98,6 +116,10 @@ class SELVANE_EXPORT FileDownloader {
   unsigned int m_bufferSize;
   unsigned int m_maxTransferRate;
   curl_slist* m_http200Aliases;
+  std::string m_allowedProtocols;
+  std::string m_redirectProtocols;
+  TLSVersion m_minimumTLSVersion;
+  std::uint64_t m_maximumFileSize;
 
   static boost::mutex m_globalLock;
 };

@@ -19,7 +19,9 @@ SELVANE_EXPORT int32_t GetFileSize(const std::string& path);
 SELVANE_EXPORT bool VerifySHA256Sum(const std::string& path, std::string expectedHex);
 
 // True when every "digest  path" entry of sumsFile names a file below root whose digest matches.
-// An empty root takes the listed paths as they stand.
+// Each path is resolved inside root as the root's own system sees it (OpenInRoot): absolute links
+// and ".." stay inside root, and anything but a regular file there counts as a mismatch, without
+// being opened for reading. An empty root takes the listed paths as they stand.
 SELVANE_EXPORT bool VerifySHA256SumsFile(const std::string& sumsFile, const std::string& root);
 
 }  // namespace selvane

@@ -56,6 +56,7 @@ const ArchiveLibrary& libarchive() {
         find("archive_read_data", f.read_data);
         find("archive_read_data_skip", f.read_data_skip);
         find("archive_read_free", f.read_free);
+        find("archive_error_string", f.error_string);
         find("archive_entry_pathname", f.entry_pathname);
         find("archive_entry_size", f.entry_size);
       });

@@ -35,6 +35,7 @@ struct ArchiveLibrary {
   decltype(&::archive_read_data) read_data;
   decltype(&::archive_read_data_skip) read_data_skip;
   decltype(&::archive_read_free) read_free;
+  decltype(&::archive_error_string) error_string;
   decltype(&::archive_entry_pathname) entry_pathname;
   decltype(&::archive_entry_size) entry_size;
 };

@@ -1,14 +1,12 @@
 #include "selvane/PackageVerifier.h"
 
-#include <openssl/bio.h>
 #include <openssl/conf.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <sys/stat.h>
 
 #include <stdexcept>
 
+#include "KeyDirectory.h"
 #include "Log.h"
 #include "VerifierImpl.h"
 
@@ -30,28 +28,14 @@ __attribute__((constructor)) void PackageVerifierInit() {
 
 __attribute__((destructor)) void PackageVerifierFinal() { EVP_cleanup(); }
 
-struct BioDeleter {
-  void operator()(BIO* bio) const { BIO_free(bio); }
-};
-
 }  // namespace
 
 namespace selvane {
 
 void PackageVerifier::KeyDeleter::operator()(evp_pkey_st* key) const { EVP_PKEY_free(key); }
 
-PackageVerifier::PackageVerifier(const std::string& keyPath) : keyPath(keyPath) {
-  struct stat status;
-  if (stat(keyPath.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
-    throw std::runtime_error("Unable to find the public key file");
-  std::unique_ptr<BIO, BioDeleter> bio(BIO_new_file(keyPath.c_str(), "r"));
-  if (!bio) throw std::runtime_error("Unable to load the public key file");
-  publicKey.reset(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
-  if (!publicKey) {
-    ERR_clear_error();
-    throw std::runtime_error("Unable to load the public key file");
-  }
-}
+PackageVerifier::PackageVerifier(const std::string& keyPath)
+    : keyPath(keyPath), publicKey(LoadPublicKey(keyPath)) {}
 
 PackageVerifier::~PackageVerifier() = default;
 

@@ -1,37 +1,15 @@
 #include "selvane/PackageVerifierSet.h"
 
-#include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
 #include <stdexcept>
 
+#include "KeyDirectory.h"
 #include "Log.h"
 
 namespace selvane {
-namespace {
-
-namespace fs = boost::filesystem;
-
-bool isUsableDirectory(const std::string& path) {
-  boost::system::error_code error;
-  const fs::file_status status = fs::status(path, error);
-  if (error || status.type() == fs::file_not_found) return false;
-  return fs::is_directory(path, error);
-}
-
-}  // namespace
 
 PackageVerifierSet::PackageVerifierSet(const std::string& keyDirectory) {
-  const std::runtime_error unusable(keyDirectory + " does not exist, or is not a directory");
-  if (!isUsableDirectory(keyDirectory)) throw unusable;
-
-  boost::system::error_code error;
-  fs::directory_iterator entry(keyDirectory, error), end;
-  for (; !error && entry != end; entry.increment(error)) {
-    const std::string path = entry->path().string();
-    boost::system::error_code statusError;
-    if (fs::is_regular_file(fs::status(path, statusError))) addKey(path);
-  }
-  if (error) throw unusable;
+  for (const std::string& path : KeyFiles(keyDirectory)) addKey(path);
 }
 
 PackageVerifierSet::~PackageVerifierSet() = default;

@@ -15,7 +15,10 @@
 #include <selvane/MMCDevice.h>
 #include <selvane/MMCPartition.h>
 #include <selvane/Manifest.h>
+#include <selvane/ManifestVerifier.h>
+#include <selvane/OpenInRoot.h>
 #include <selvane/PackageManager.h>
+#include <selvane/PackageStructure.h>
 #include <selvane/PackageVerifier.h>
 #include <selvane/PackageVerifierSet.h>
 #include <selvane/Partition.h>

@@ -1,13 +1,11 @@
 // selvane-pack manifest: describes a release's package files in one manifest file.
 #include <archive.h>
 #include <archive_entry.h>
-#include <fcntl.h>
 #include <openssl/evp.h>
 #include <selvane/Manifest.h>
 #include <selvane/PackageVerifier.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <list>
@@ -18,6 +16,7 @@
 
 #include "Commands.h"
 #include "Error.h"
+#include "FileChunks.h"
 #include "OutputFile.h"
 #include "PackageReader.h"
 
@@ -122,25 +121,13 @@ struct DigestDeleter {
 
 // The file's size and SHA-256 (lower-case hex), read in one pass.
 std::pair<uint64_t, std::string> sizeAndDigest(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throwSystemError("cannot read " + path, errno);
   std::unique_ptr<EVP_MD_CTX, DigestDeleter> context(EVP_MD_CTX_new());
   EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr);
-  std::vector<unsigned char> chunk(kChunkSize);
   uint64_t size = 0;
-  for (;;) {
-    const ssize_t count = read(fd, chunk.data(), chunk.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      const int error = errno;
-      close(fd);
-      throwSystemError("cannot read " + path, error);
-    }
-    if (count == 0) break;
-    EVP_DigestUpdate(context.get(), chunk.data(), static_cast<size_t>(count));
-    size += static_cast<uint64_t>(count);
-  }
-  close(fd);
+  readFileInChunks(path, [&](const unsigned char* data, size_t count) {
+    EVP_DigestUpdate(context.get(), data, count);
+    size += count;
+  });
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   EVP_DigestFinal_ex(context.get(), digest, &length);

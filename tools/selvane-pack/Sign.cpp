@@ -1,10 +1,12 @@
-// selvane-pack sign: the signature is made over exactly the digest that the library's verifier
-// computes, because the same code computes it.
+// selvane-pack sign and sign-manifest. A package's signature is made over exactly the digest that
+// the library's verifier computes, because the same code computes it; a manifest's is the plain
+// SHA-256 signature of its bytes that ManifestVerifier and `openssl dgst -sha256 -verify` check.
 #include <archive.h>
 #include <archive_entry.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <selvane/Manifest.h>
 #include <selvane/PackageVerifier.h>
 #include <selvane/VerifierImpl.h>
 #include <sys/stat.h>
@@ -16,6 +18,7 @@
 
 #include "Commands.h"
 #include "Error.h"
+#include "FileChunks.h"
 #include "OutputFile.h"
 #include "PackageReader.h"
 
@@ -35,6 +38,10 @@ struct BioDeleter {
 
 struct WriterDeleter {
   void operator()(archive* handle) const { archive_write_free(handle); }
+};
+
+struct SignContextDeleter {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
 struct EntryDeleter {
@@ -72,6 +79,33 @@ std::vector<unsigned char> signMembers(EVP_PKEY* key, const std::string& package
   } catch (const std::runtime_error& e) {
     throw ToolError(packagePath + " is not a package: " + e.what());
   }
+}
+
+// The SHA-256 signature of the file's bytes: RSA PKCS #1 v1.5, or DER-encoded ECDSA.
+std::string signFile(EVP_PKEY* key, const std::string& keyPath, const std::string& path) {
+  const int type = EVP_PKEY_get_base_id(key);
+  if (type != EVP_PKEY_RSA && type != EVP_PKEY_EC)
+    throw ToolError(keyPath + " is neither an RSA nor an ECDSA key");
+  std::unique_ptr<EVP_MD_CTX, SignContextDeleter> context(EVP_MD_CTX_new());
+  if (!context || EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, key) != 1) {
+    ERR_clear_error();
+    throw ToolError("cannot sign with " + keyPath);
+  }
+  readFileInChunks(path, [&](const unsigned char* data, size_t size) {
+    EVP_DigestSignUpdate(context.get(), data, size);
+  });
+  size_t length = 0;
+  std::string signature;
+  if (EVP_DigestSignFinal(context.get(), nullptr, &length) == 1) {
+    signature.resize(length);
+    if (EVP_DigestSignFinal(context.get(), reinterpret_cast<unsigned char*>(signature.data()),
+                            &length) != 1)
+      length = 0;
+  }
+  ERR_clear_error();
+  if (length == 0) throw ToolError("cannot sign " + path + " with " + keyPath);
+  signature.resize(length);
+  return signature;
 }
 
 class ArchiveWriter {
@@ -143,6 +177,19 @@ void signPackage(const std::string& keyPath, const std::string& packagePath,
   OutputFile output(outputPath);
   writeSignedPackage(packagePath, signature, output.descriptor(), outputPath);
   output.commit(status.st_mode & 07777);
+}
+
+void signManifest(const std::string& keyPath, const std::string& manifestPath,
+                  const std::string& outputPath) {
+  const Key key = loadPrivateKey(keyPath);
+  try {
+    selvane::Manifest manifest(manifestPath);  // only a manifest that devices can read is signed
+  } catch (const std::runtime_error& e) {
+    throw ToolError(e.what());
+  }
+  OutputFile output(outputPath);
+  output.write(signFile(key.get(), keyPath, manifestPath));
+  output.commit(defaultFileMode());
 }
 
 }  // namespace pack

@@ -2,6 +2,7 @@
 //
 //   selvane-pack sign --key PRIVATE.pem [--output OUT] PACKAGE
 //   selvane-pack manifest --version VERSION --base-url URL --output MANIFEST PACKAGE...
+//   selvane-pack sign-manifest --key PRIVATE.pem [--output OUT] MANIFEST
 //   selvane-pack show [--json] MANIFEST
 //
 // Outputs are written to a temporary file beside their destination and renamed into place, so a
@@ -21,6 +22,7 @@ namespace {
 const char kUsage[] =
     "usage: selvane-pack sign --key PRIVATE.pem [--output OUT] PACKAGE\n"
     "       selvane-pack manifest --version VERSION --base-url URL --output MANIFEST PACKAGE...\n"
+    "       selvane-pack sign-manifest --key PRIVATE.pem [--output OUT] MANIFEST\n"
     "       selvane-pack show [--json] MANIFEST\n"
     "\n"
     "sign      adds (or replaces) the package's \"signature\" member: an RSA signature\n"
@@ -28,6 +30,10 @@ const char kUsage[] =
     "          data. The package is replaced unless --output names another file.\n"
     "manifest  writes a manifest listing each package's name and version (from its control\n"
     "          data), size, URL (URL/file name) and SHA-256. Sign the packages first.\n"
+    "sign-manifest\n"
+    "          writes the manifest's detached signature (SHA-256; RSA PKCS #1 v1.5 or ECDSA\n"
+    "          P-256) to OUT, by default MANIFEST.sig. Devices fetch it from the manifest's URL\n"
+    "          followed by \".sig\".\n"
     "show      prints a manifest, as JSON with --json.\n";
 
 int usage(const char* problem = nullptr) {
@@ -86,6 +92,12 @@ int run(const std::string& command, const Arguments& arguments) {
     if (arguments.version.empty() || arguments.baseUrl.empty() || arguments.output.empty())
       return usage("manifest needs --version, --base-url and --output");
     pack::writeManifest(arguments.version, arguments.baseUrl, arguments.operands, arguments.output);
+  } else if (command == "sign-manifest") {
+    if (arguments.key.empty() || arguments.operands.size() != 1)
+      return usage("sign-manifest needs --key and one manifest");
+    const std::string& manifest = arguments.operands[0];
+    pack::signManifest(arguments.key, manifest,
+                       arguments.output.empty() ? manifest + ".sig" : arguments.output);
   } else if (command == "show") {
     if (arguments.operands.size() != 1) return usage("show needs one manifest");
     pack::showManifest(arguments.operands[0], arguments.json, std::cout);

@@ -1,6 +1,8 @@
-// Fetching the release: the manifest, then each planned package, checked for size, SHA-256 and
-// signature before it is used. Checked packages are kept in the cache directory under their
-// name and version, so a repeated or resumed update fetches only what it does not have yet.
+// Fetching the release: the manifest, checked against its detached signature before it is read,
+// then each planned package, checked for size, SHA-256, archive structure and signature before it
+// is used. Every transfer is bounded and kept to https. Checked packages are kept in the cache
+// directory under their SHA-256 (never under a name from the manifest), so a repeated or resumed
+// update fetches only what it does not have yet.
 #ifndef SELVANE_UPDATE_DOWNLOADS_H
 #define SELVANE_UPDATE_DOWNLOADS_H
 
@@ -27,7 +29,8 @@ class Downloads {
   Downloads(const Options& options, Output& out);
   ~Downloads();
 
-  // Loads the manifest from its file, or downloads it first when it is an http(s) URL.
+  // Loads the manifest from its file, or downloads it first when it is an http(s) URL; then checks
+  // its signature, reads it and checks its fields. A downloaded copy is not kept.
   selvane::Manifest manifest();
   // Bytes still to download for these packages (checked copies in the cache cost nothing).
   uint64_t bytesToFetch(const std::vector<selvane::Package>& packages);
@@ -38,7 +41,11 @@ class Downloads {
   std::unique_ptr<selvane::FileDownloader> downloader() const;
   std::string cachePath(const selvane::Package& package) const;
   bool cached(const selvane::Package& package);
-  void download(const std::string& url, const std::string& path, const std::string& what);
+  void createCache() const;
+  void checkLocalSize(const std::string& path, const std::string& what) const;
+  void checkManifestSignature(const std::string& path, const std::string& signature);
+  void download(const std::string& url, const std::string& path, const std::string& what,
+                uint64_t maxBytes);
   void check(const selvane::Package& package, const std::string& path);
 
   const Options& options;

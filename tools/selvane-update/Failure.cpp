@@ -36,6 +36,10 @@ const char* exitName(Exit code) {
       return "already-running";
     case Exit::Interrupted:
       return "interrupted";
+    case Exit::UnsafeRoot:
+      return "unsafe-root";
+    case Exit::Downgrade:
+      return "downgrade";
   }
   return "internal";
 }

@@ -25,6 +25,8 @@ enum class Exit : int {
   BootSwitch = 13,
   AlreadyRunning = 14,
   Interrupted = 15,
+  UnsafeRoot = 16,
+  Downgrade = 17,
 };
 
 // The word that names the failure class in messages and JSON ("digest", "sanity-check"...).

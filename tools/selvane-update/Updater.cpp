@@ -8,12 +8,13 @@
 
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 
 #include "Downloads.h"
 #include "Failure.h"
 #include "Plan.h"
+#include "Release.h"
+#include "TargetRoot.h"
 
 namespace update {
 namespace {
@@ -29,7 +30,6 @@ void checkInterrupted(const std::string& step) {
   }
 }
 
-const char kReleaseFile[] = "/etc/selvane-release";
 const char kBootMode[] = "boot.bootmode";
 const char kRetryCount[] = "boot.otaretrycount";
 const char kKnownGood[] = "boot.knowngood";
@@ -45,14 +45,6 @@ std::string property(const char* key) {
   } catch (const std::runtime_error&) {
     return "";
   }
-}
-
-// The release a root filesystem was last updated to, or "" if none was completed.
-std::string readRelease(const std::string& root) {
-  std::ifstream in(root + kReleaseFile);
-  std::string version;
-  std::getline(in, version);
-  return version;
 }
 
 // One instance at a time: a second one fails at once instead of waiting.
@@ -76,6 +68,7 @@ class InstanceLock {
 };
 
 // The other root filesystem, mounted on a temporary directory for as long as the object lives.
+// It is checked to be self-contained before anything, the library included, writes into it.
 class MountedRoot {
  public:
   MountedRoot(boost::shared_ptr<selvane::Partition> partition, std::string device, bool readOnly)
@@ -84,6 +77,12 @@ class MountedRoot {
       mountpoint = this->partition->mount("", readOnly);
     } catch (const std::runtime_error& e) {
       throw Failure(Exit::Mount, "cannot mount " + this->device + ": " + e.what());
+    }
+    try {
+      checkContained(mountpoint);
+    } catch (const Failure&) {
+      unmount();
+      throw;
     }
   }
   ~MountedRoot() {
@@ -123,23 +122,6 @@ class MountedRoot {
   std::string device;
   std::string mountpoint;
 };
-
-void writeRelease(const std::string& root, const std::string& version) {
-  const std::string path = root + kReleaseFile, temporary = path + ".new";
-  std::ofstream out(temporary, std::ios::trunc);
-  out << version << "\n";
-  out.close();
-  if (!out || std::rename(temporary.c_str(), path.c_str()) != 0) {
-    throw Failure(Exit::Install, "cannot record the release in " + path);
-  }
-}
-
-void forgetRelease(const std::string& root) {
-  const std::string path = root + kReleaseFile;
-  if (std::remove(path.c_str()) != 0 && errno != ENOENT) {
-    throw Failure(Exit::Install, "cannot remove " + path);
-  }
-}
 
 // Points the boot loader at label and reads the properties back to be sure they took.
 void switchBoot(selvane::Device& device, selvane::Device::RootfsLabel label, unsigned retries) {
@@ -209,6 +191,13 @@ void Updater::install() {
                .add("packages", static_cast<uint64_t>(release.getPackages().size())),
            "release " + release.getVersion() + " with " +
                std::to_string(release.getPackages().size()) + " packages");
+  const std::string running = readRelease("");
+  if (!running.empty() && compareVersions(release.getVersion(), running) < 0 &&
+      !options.allowDowngrade) {
+    throw Failure(Exit::Downgrade, "release " + release.getVersion() +
+                                       " is older than the running release " + running +
+                                       " (--allow-downgrade installs it)");
+  }
 
   const boost::shared_ptr<selvane::Device> device = systemDevice();
   const selvane::Device::RootfsLabel current = device->getCurrentRootfs();
@@ -232,6 +221,9 @@ void Updater::install() {
 
   // Everything is fetched and checked before the other root is written.
   const std::vector<std::string> files = downloads.fetch(plan.install);
+  for (size_t i = 0; i < files.size(); ++i)
+    checkPackagePaths(root.path(), files[i],
+                      plan.install[i].getName() + " " + plan.install[i].getVersion());
   checkInterrupted("writing " + std::string(selvane::labelToText(other)));
   if (bootsOther) {
     // A half-finished earlier update: never leave the boot loader pointing at a root in work.
@@ -241,6 +233,8 @@ void Updater::install() {
                  selvane::labelToText(current) + " while " + selvane::labelToText(other) +
                  " is rewritten");
   }
+  // Neither a running root with a sanity check nor the other root's own may end up without one.
+  const bool needsSanityCheck = hasSanityCheck("") || hasSanityCheck(root.path());
   root.makeWritable();
   forgetRelease(root.path());
 
@@ -270,10 +264,13 @@ void Updater::install() {
     throw Failure(Exit::Verify,
                   "installed files in " + deviceOf(other) + " do not match their packages");
   checkInterrupted("the sanity check");
+  if (needsSanityCheck && !hasSanityCheck(root.path()))
+    throw Failure(Exit::SanityCheck, "release " + release.getVersion() + " would leave " +
+                                         deviceOf(other) + " without " + kSanityCheckScript);
   out.emit(Event("sanity-check"), "running the sanity check");
   if (!packages.performSanityCheck(options.timeout))
     throw Failure(Exit::SanityCheck,
-                  "/usr/local/bin/ota-sanity-check.sh in " + deviceOf(other) + " failed");
+                  std::string(kSanityCheckScript) + " in " + deviceOf(other) + " failed");
   writeRelease(root.path(), release.getVersion());
   root.unmount();
   checkInterrupted("the boot switch");

@@ -6,6 +6,7 @@
 #ifndef SELVANE_UPDATE_UPDATER_H
 #define SELVANE_UPDATE_UPDATER_H
 
+#include <cstdint>
 #include <string>
 
 #include "Output.h"
@@ -13,13 +14,17 @@
 namespace update {
 
 struct Options {
-  std::string manifest;     // a file or an http(s) URL
-  std::string keys;         // directory of trusted PEM public keys
+  std::string manifest;     // a file or an http(s) URL; its signature is that + ".sig"
+  std::string keys;         // directory of trusted PEM public keys, for manifest and packages
   std::string credentials;  // storage credentials file, for signed downloads
   std::string cache = "/var/cache/selvane";
   std::string lockFile = "/run/lock/selvane-update.lock";
-  unsigned retries = 3;  // boot attempts of the new root before falling back
-  int timeout = 600;     // seconds for each package command
+  unsigned retries = 3;                 // boot attempts of the new root before falling back
+  int timeout = 600;                    // seconds for each package command
+  uint64_t manifestMaxSize = 16 << 20;  // bytes, for the manifest and for its signature
+  bool allowUnsignedManifest = false;
+  bool allowHttp = false;  // plain http besides https (only with a signed manifest)
+  bool allowDowngrade = false;
 };
 
 // SIGINT and SIGTERM stop the update at the next safe point.

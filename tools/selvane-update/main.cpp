@@ -2,15 +2,18 @@
 // library's public API, in the order the library expects its caller to keep:
 //
 //   selvane-update [--json] [--log] install --manifest FILE|URL --keys DIR [--credentials FILE]
-//                                   [--retries N] [--cache DIR] [--timeout SECONDS]
-//   selvane-update [--json] [--log] check --manifest FILE|URL [--keys DIR] [--credentials FILE]
-//                                   [--cache DIR]
+//                                   [--retries N] [--cache DIR] [--timeout SECONDS] [TRUST...]
+//   selvane-update [--json] [--log] check --manifest FILE|URL --keys DIR [--credentials FILE]
+//                                   [--cache DIR] [TRUST...]
+//   TRUST: --allow-unsigned-manifest --allow-http --allow-downgrade --manifest-max-size BYTES
 //   selvane-update [--json] [--log] status
 //   selvane-update [--json] [--log] mark-good
 //
 // Exit codes: see Failure.h and README.md.
 #include <syslog.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -27,23 +30,26 @@ namespace {
 const char kUsage[] =
     "usage: selvane-update [--json] [--log] COMMAND [OPTIONS]\n"
     "  install   --manifest FILE|URL --keys DIR [--credentials FILE] [--retries N]\n"
-    "            [--cache DIR] [--timeout SECONDS]\n"
+    "            [--cache DIR] [--timeout SECONDS] [--allow-downgrade]\n"
     "            install the release into the other root filesystem and boot it next\n"
-    "  check     --manifest FILE|URL [--keys DIR] [--credentials FILE] [--cache DIR]\n"
+    "  check     --manifest FILE|URL --keys DIR [--credentials FILE] [--cache DIR]\n"
     "            show what install would do, changing nothing\n"
+    "  both take [--manifest-max-size BYTES] (default 16 MiB) [--allow-unsigned-manifest]\n"
+    "            [--allow-http] (plain http too; not with --allow-unsigned-manifest)\n"
     "  status    show both root filesystems, the boot properties and the releases\n"
     "  mark-good mark the running root filesystem known good\n"
     "  --json    one JSON object per event on standard output\n"
     "  --log     echo the library's syslog lines on standard error\n";
 
-unsigned number(const std::string& option, const std::string& text) {
+uint64_t number(const std::string& option, const std::string& text, uint64_t limit = 1000000) {
   char* end = nullptr;
-  const unsigned long value = std::strtoul(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || value > 1000000) {
+  errno = 0;
+  const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+  if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > limit) {
     throw update::Failure(update::Exit::Usage,
                           option + " takes a whole number, not '" + text + "'");
   }
-  return static_cast<unsigned>(value);
+  return value;
 }
 
 struct Command {
@@ -61,15 +67,30 @@ Command parse(int argc, char** argv) {
       {"--credentials", [&](const std::string& v) { command.options.credentials = v; }},
       {"--cache", [&](const std::string& v) { command.options.cache = v; }},
       {"--retries",
-       [&](const std::string& v) { command.options.retries = number("--retries", v); }},
+       [&](const std::string& v) {
+         command.options.retries = static_cast<unsigned>(number("--retries", v));
+       }},
+      {"--manifest-max-size",
+       [&](const std::string& v) {
+         command.options.manifestMaxSize = number("--manifest-max-size", v, UINT64_MAX);
+         if (command.options.manifestMaxSize == 0)
+           throw update::Failure(update::Exit::Usage, "--manifest-max-size must be at least 1");
+       }},
       {"--timeout",
        [&](const std::string& v) {
          command.options.timeout = static_cast<int>(number("--timeout", v));
        }},
   };
+  const std::map<std::string, bool*> switches = {
+      {"--allow-unsigned-manifest", &command.options.allowUnsignedManifest},
+      {"--allow-http", &command.options.allowHttp},
+      {"--allow-downgrade", &command.options.allowDowngrade},
+  };
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (word == "--json") {
+    if (switches.count(word)) {
+      *switches.at(word) = true;
+    } else if (word == "--json") {
       command.json = true;
     } else if (word == "--log") {
       command.log = true;
@@ -91,8 +112,12 @@ Command parse(int argc, char** argv) {
     throw update::Failure(update::Exit::Usage, "unknown command '" + command.name + "'");
   if (needsManifest && command.options.manifest.empty())
     throw update::Failure(update::Exit::Usage, command.name + " needs --manifest");
-  if (command.name == "install" && command.options.keys.empty())
-    throw update::Failure(update::Exit::Usage, "install needs --keys");
+  if (needsManifest && command.options.keys.empty())
+    throw update::Failure(update::Exit::Usage, command.name + " needs --keys");
+  if (command.options.allowHttp && command.options.allowUnsignedManifest)
+    throw update::Failure(
+        update::Exit::Usage,
+        "--allow-http needs a signed manifest: not with --allow-unsigned-manifest");
   return command;
 }
 
