@@ -36,6 +36,8 @@ const char* exitName(Exit code) {
       return "already-running";
     case Exit::Interrupted:
       return "interrupted";
+    case Exit::PreInstallHook:
+      return "pre-install-hook";
   }
   return "internal";
 }

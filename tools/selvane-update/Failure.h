@@ -25,6 +25,7 @@ enum class Exit : int {
   BootSwitch = 13,
   AlreadyRunning = 14,
   Interrupted = 15,
+  PreInstallHook = 18,
 };
 
 // The word that names the failure class in messages and JSON ("digest", "sanity-check"...).
