@@ -72,6 +72,7 @@ TEST_F(Tools, BadSettingsAreRefusedBeforeAnyDownload) {
     std::string message;
   } cases[] = {
       {"selvane-update", 2, "A subcommand is required"},
+      {"selvane-update frobnicate", 2, "unknown subcommand 'frobnicate'"},
       {"selvane-update install --bogus", 2, "The following argument was not expected: --bogus"},
       {update("install --retries x" + good), 2, "--retries: takes a whole number"},
       {update("install" + cache + " --keys " + keys), 2, "install needs --manifest"},
@@ -90,6 +91,7 @@ TEST_F(Tools, BadSettingsAreRefusedBeforeAnyDownload) {
        "cannot use the cache directory"},
       {update("check --manifest " + dir / "none" + cache), 3, "no readable manifest file at"},
       {"selvane-pack", 2, "A subcommand is required"},
+      {"selvane-pack --frob", 2, "unknown option '--frob'"},
       {"selvane-pack sign pkg", 2, "--key is required"},
       {"selvane-pack sign --key k", 2, "PACKAGE is required"},
       {"selvane-pack manifest --version 1 x", 2, "--base-url is required"},

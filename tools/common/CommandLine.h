@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace tools {
 
@@ -27,6 +28,15 @@ inline void setUp(CLI::App& app) {
   app.set_version_flag("--version", app.get_name() + " " SELVANE_VERSION,
                        "Print the version and exit");
   app.require_subcommand(1);
+}
+
+// What a failed parse tells the user: CLI11's message, which names the option, or the word that
+// is no subcommand.
+inline std::string usageProblem(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> left = app.remaining();
+  if (!app.get_subcommands().empty() || left.empty()) return error.what();
+  return std::string(left[0][0] == '-' ? "unknown option '" : "unknown subcommand '") + left[0] +
+         "'";
 }
 
 }  // namespace tools

@@ -58,7 +58,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
     std::fprintf(stderr, "selvane-pack: %s\nRun 'selvane-pack --help' for more information.\n",
-                 error.what());
+                 tools::usageProblem(app, error).c_str());
     return 2;
   }
   try {

@@ -76,7 +76,8 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
-    update::Output(wantsJson(argc, argv)).fail(update::Failure(update::Exit::Usage, error.what()));
+    update::Output(wantsJson(argc, argv))
+        .fail(update::Failure(update::Exit::Usage, tools::usageProblem(app, error)));
     return static_cast<int>(update::Exit::Usage);
   }
 
