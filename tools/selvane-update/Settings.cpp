@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <variant>
@@ -15,8 +16,9 @@ const char kDefaultConfigFile[] = "/etc/selvane/update.conf";
 
 namespace {
 
-using Field =
-    std::variant<std::string Options::*, unsigned Options::*, int Options::*, bool Options::*>;
+// Counts and seconds are int or unsigned, up to a million; sizes in bytes are uint64_t.
+using Field = std::variant<std::string Options::*, unsigned Options::*, int Options::*,
+                           std::uint64_t Options::*, bool Options::*>;
 
 struct Setting {
   const char* name;   // --NAME on the command line, NAME = VALUE in the configuration file
@@ -45,14 +47,16 @@ const Setting kSettings[] = {
      &Options::hookTimeout},
 };
 
-constexpr unsigned long kLargestNumber = 1000000;
-
 bool isFlag(const Setting& setting) {
   return std::holds_alternative<bool Options::*>(setting.field);
 }
-bool isNumber(const Setting& setting) {
-  return std::holds_alternative<unsigned Options::*>(setting.field) ||
-         std::holds_alternative<int Options::*>(setting.field);
+
+// The largest value of a number setting, or 0 for other settings.
+std::uint64_t largest(const Setting& setting) {
+  if (std::holds_alternative<std::uint64_t Options::*>(setting.field)) return 1ULL << 60;
+  const bool number = std::holds_alternative<unsigned Options::*>(setting.field) ||
+                      std::holds_alternative<int Options::*>(setting.field);
+  return number ? 1000000 : 0;
 }
 
 const Setting* find(const std::string& name) {
@@ -63,12 +67,11 @@ const Setting* find(const std::string& name) {
 
 // Why text is no value for the setting, or "".
 std::string invalid(const Setting& setting, const std::string& text) {
-  if (isNumber(setting)) {
-    const bool digits = !text.empty() && text.size() <= 7 &&
+  if (const std::uint64_t limit = largest(setting)) {
+    const bool digits = !text.empty() && text.size() <= 19 &&
                         text.find_first_not_of("0123456789") == std::string::npos;
-    if (!digits || std::stoul(text) > kLargestNumber)
-      return "takes a whole number up to " + std::to_string(kLargestNumber) + ", not '" + text +
-             "'";
+    if (!digits || std::stoull(text) > limit)
+      return "takes a whole number up to " + std::to_string(limit) + ", not '" + text + "'";
   } else if (isFlag(setting)) {
     if (text != "true" && text != "false") return "takes true or false, not '" + text + "'";
   } else if (text.empty()) {
@@ -86,7 +89,7 @@ void assign(Options& options, const Setting& setting, const std::string& text) {
         } else if constexpr (std::is_same_v<Value, bool>) {
           options.*member = text == "true";
         } else {
-          options.*member = static_cast<Value>(std::stoul(text));
+          options.*member = static_cast<Value>(std::stoull(text));
         }
       },
       setting.field);
