@@ -9,6 +9,7 @@
 // Exit codes: see Failure.h and README.md.
 #include <syslog.h>
 
+#include <cstdio>
 #include <cstring>
 #include <list>
 #include <memory>
@@ -85,9 +86,13 @@ int main(int argc, char** argv) {
   std::unique_ptr<update::Hooks> hooks;  // install only
   const auto finish = [&](const update::Failure& failure) {
     out.fail(failure);
-    if (hooks && failure.code != update::Exit::Usage &&
-        failure.code != update::Exit::AlreadyRunning)
-      hooks->failed(failure);
+    try {
+      if (hooks && failure.code != update::Exit::Usage &&
+          failure.code != update::Exit::AlreadyRunning)
+        hooks->failed(failure);
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "selvane-update: the on-failure hooks did not run: %s\n", e.what());
+    }
     return static_cast<int>(failure.code);
   };
   try {
