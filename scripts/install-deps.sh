@@ -10,7 +10,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev openssl libarchive-dev
   libboost-filesystem-dev libboost-system-dev libboost-thread-dev libboost-chrono-dev
   libgtest-dev libgmock-dev
-  libubootenv-dev libubootenv-tool
+  libubootenv-dev libubootenv-tool libcli11-dev nlohmann-json3-dev help2man
   busybox-static e2fsprogs util-linux binutils xz-utils
   nginx-light nodejs npm curl ca-certificates
 )

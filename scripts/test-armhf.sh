@@ -12,16 +12,17 @@ done
 packages=(libc6-dev libstdc++-12-dev libcurl4-openssl-dev libssl-dev libarchive-dev
   libprotobuf-dev libboost-filesystem-dev libboost-system-dev libboost-thread-dev
   libboost-chrono-dev libgtest-dev libubootenv-dev zlib1g-dev)
+headers=(libcli11-dev nlohmann-json3-dev) # architecture-independent
 sysroot=$PWD/build-armhf/sysroot
 stamp="$sysroot/.packages"
-if [ "$(cat "$stamp" 2>/dev/null)" != "${packages[*]}" ]; then
+if [ "$(cat "$stamp" 2>/dev/null)" != "${packages[*]} ${headers[*]}" ]; then
   if ! dpkg --print-foreign-architectures | grep -qx armhf; then
     dpkg --add-architecture armhf
   fi
   # The armhf index of the security mirror can fail while it syncs; that is harmless here.
   apt-get update -q || true
-  bash scripts/mk-armhf-sysroot.sh "$sysroot" "${packages[@]/%/:armhf}"
-  echo "${packages[*]}" >"$stamp"
+  bash scripts/mk-armhf-sysroot.sh "$sysroot" "${packages[@]/%/:armhf}" "${headers[@]}"
+  echo "${packages[*]} ${headers[*]}" >"$stamp"
 fi
 
 cmake -S . -B build-armhf/build -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/armhf-toolchain.cmake" \

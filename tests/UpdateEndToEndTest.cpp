@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "Harness.h"
@@ -18,6 +20,89 @@ namespace {
 const std::string kSim = SELVANE_TEST_SOURCE_DIR "/../tools/selvane-sim/selvane-sim";
 const std::string kBin = SELVANE_BINARY_DIR "/bin";
 const std::string kUpdate = kBin + "/selvane-update";
+
+// The JSON Lines of selvane-update, schema 1, as README.md documents them: the fields of each
+// event and their kinds (s string, S string or null, n whole number, p package, P list of
+// packages, o object, a list).
+const std::map<std::string, std::map<std::string, char>> kEvents = {
+    {"manifest", {{"release", 's'}, {"packages", 'P'}}},
+    {"plan",
+     {{"release", 's'},
+      {"rootfs", 's'},
+      {"remove", 'P'},
+      {"install", 'P'},
+      {"unchanged", 'P'},
+      {"download_bytes", 'n'}}},
+    {"up-to-date", {{"release", 's'}, {"rootfs", 's'}}},
+    {"download", {{"package", 'p'}}},
+    {"progress",
+     {{"bytes", 'n'}, {"total", 'n'}, {"bytes_per_second", 'n'}, {"seconds_left", 'n'}}},
+    {"hook", {{"stage", 's'}, {"hook", 's'}, {"exit_code", 'n'}}},
+    {"boot-reset", {{"bootmode", 's'}}},
+    {"remove", {{"package", 'p'}}},
+    {"install", {{"package", 'p'}}},
+    {"configure", {}},
+    {"verify", {}},
+    {"sanity-check", {}},
+    {"switched", {{"release", 's'}, {"bootmode", 's'}, {"retries", 'n'}}},
+    {"status",
+     {{"current", 's'},
+      {"other", 's'},
+      {"current_release", 'S'},
+      {"other_release", 'S'},
+      {"boot", 'o'},
+      {"other_packages", 'P'}}},
+    {"known-good", {{"rootfs", 's'}}},
+    {"config", {{"file", 's'}, {"settings", 'a'}}},
+    {"failed", {{"class", 's'}, {"exit_code", 'n'}, {"message", 's'}}},
+};
+
+bool isPackage(const nlohmann::json& value) {
+  if (!value.is_object() || !value["name"].is_string() || !value["version"].is_string())
+    return false;
+  for (const auto& [key, field] : value.items())
+    if (!(key == "name" || key == "version" || (key == "size" && field.is_number_unsigned()) ||
+          (key == "url" && field.is_string())))
+      return false;
+  return true;
+}
+
+bool hasKind(const nlohmann::json& value, char kind) {
+  switch (kind) {
+    case 's':
+      return value.is_string();
+    case 'S':
+      return value.is_string() || value.is_null();
+    case 'n':
+      return value.is_number_unsigned();
+    case 'p':
+      return isPackage(value);
+    case 'P':
+      return value.is_array() && std::all_of(value.begin(), value.end(), isPackage);
+    case 'o':
+      return value.is_object();
+    default:
+      return value.is_array();
+  }
+}
+
+// Every line of out is one event of the schema, with exactly its fields.
+void expectSchema(const std::string& out) {
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) {
+    const nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
+    ASSERT_TRUE(event.is_object()) << "not a JSON object: " << line;
+    EXPECT_EQ(event.value("schema", 0), 1) << line;
+    EXPECT_TRUE(std::regex_match(event.value("time", ""),
+                                 std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")))
+        << line;
+    const auto fields = kEvents.find(event.value("event", ""));
+    ASSERT_NE(fields, kEvents.end()) << "unknown event: " << line;
+    EXPECT_EQ(event.size(), fields->second.size() + 3) << line;
+    for (const auto& [name, kind] : fields->second)
+      EXPECT_TRUE(event.contains(name) && hasKind(event[name], kind)) << name << " in " << line;
+  }
+}
 
 // A command running in the background, whose output is read line by line.
 class Background {
@@ -92,8 +177,13 @@ class SimulatedDevice {
   std::string updateCommand(const std::string& arguments) const {
     return kSim + " run " + dir + " -- " + kUpdate + " " + arguments;
   }
+  // Standard output only; a JSON run's is checked against the schema.
   int update(const std::string& arguments, std::string* output = nullptr) const {
-    return harness::shell(updateCommand(arguments) + " 2>&1", output);
+    std::string out;
+    const int status = harness::shell(updateCommand(arguments) + " 2>" + dir + "/stderr", &out);
+    if (arguments.compare(0, 6, "--json") == 0) expectSchema(out);
+    if (output != nullptr) *output = out;
+    return status;
   }
   std::string install(const std::string& release, const std::string& extra = "") const {
     return "--json install --manifest " + url(release + "/manifest") + " --keys " + dir +
@@ -236,6 +326,7 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
       0)
       << out;
   EXPECT_NE(device.bootProperties().find("boot.knowngood=main-B\n"), std::string::npos);
+  out.clear();
   ASSERT_EQ(
       device.sim("boot " + device.dir + " main-B -- /run/selvane/selvane-update --json status",
                  &out),
@@ -245,7 +336,12 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
                      "\"other_release\":\"1.0\""),
             std::string::npos)
       << out;
-  EXPECT_NE(out.find("\"hello 1.0\""), std::string::npos)
+  expectSchema(out);
+  EXPECT_NE(
+      out.find("\"boot\":{\"bootmode\":\"main-B\",\"otaretrycount\":3,\"knowngood\":\"main-B\"}"),
+      std::string::npos)
+      << out;
+  EXPECT_NE(out.find("{\"name\":\"hello\",\"version\":\"1.0\"}"), std::string::npos)
       << "main-A's packages are listed: " << out;
 }
 
@@ -397,7 +493,49 @@ TEST_F(UpdateEndToEnd, AReleaseWithOneChangedPackageDownloadsOnlyThatPackage) {
               static_cast<unsigned long long>(downloaded), static_cast<unsigned long long>(changed),
               static_cast<double>(downloaded) / static_cast<double>(changed));
   EXPECT_LE(static_cast<double>(downloaded), 1.05 * static_cast<double>(changed));
-  EXPECT_NE(out.find("\"install\":[\"app07 2.0\"]"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"install\":[{\"name\":\"app07\",\"version\":\"2.0\","), std::string::npos)
+      << out;
+}
+
+TEST_F(UpdateEndToEnd, HooksRunAroundAnInstallConfiguredByItsFile) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  const std::string hooks = device.dir + "/etc/selvane/hooks", log = device.dir + "/hooks.log";
+  harness::writeFile(device.dir + "/etc/selvane/update.conf",
+                     "manifest = " + device.url("release-2.0/manifest") + "\nkeys = " + device.dir +
+                         "/keys/trusted\nretries = 2\n");
+  const auto hook = [&](const std::string& name, const std::string& body, unsigned mode = 0755) {
+    harness::shell("mkdir -p " + hooks + "/" + name.substr(0, name.find('/')));
+    harness::writeFile(hooks + "/" + name, "#!/bin/sh\n" + body + "\n", mode);
+  };
+  // What each hook sees; their output must stay off the JSON stream.
+  hook("pre-install.d/10-record",
+       "echo hello; test -d \"$SELVANE_OTHER_MOUNTPOINT/lost+found\" && echo \"$1 $SELVANE_RELEASE "
+       "$SELVANE_OTHER_ROOT mounted\" >>" +
+           log);
+  hook("pre-install.d/20-refuse", "exit 3");
+  hook("pre-install.d/15-not-executable", "exit 1", 0644);
+  hook("post-install.d/10-record", "echo \"$1 $SELVANE_RELEASE $SELVANE_OTHER_ROOT\" >>" + log);
+  hook("on-failure.d/10-record", "echo \"$1 $SELVANE_FAILURE $SELVANE_EXIT_CODE\" >>" + log);
+  const std::string state = device.untouchable() + device.digest(device.dir + "/images/main-B.img");
+  std::string out;
+  EXPECT_EQ(device.update("--json install", &out), 18) << out;
+  EXPECT_NE(
+      out.find("the pre-install hook /etc/selvane/hooks/pre-install.d/20-refuse exited with 3"),
+      std::string::npos)
+      << out;
+  EXPECT_EQ(device.untouchable() + device.digest(device.dir + "/images/main-B.img"), state);
+  EXPECT_EQ(harness::readFile(log),
+            "pre-install 2.0 main-B mounted\non-failure pre-install-hook 18\n");
+
+  // Without the refusing hook the install goes through, with the retries of the file.
+  ASSERT_EQ(unlink((hooks + "/pre-install.d/20-refuse").c_str()), 0);
+  ASSERT_EQ(device.update("--json install", &out), 0) << out;
+  EXPECT_NE(device.bootProperties().find("boot.otaretrycount=2\n"), std::string::npos);
+  EXPECT_EQ(harness::readFile(log),
+            "pre-install 2.0 main-B mounted\non-failure pre-install-hook 18\n"
+            "pre-install 2.0 main-B mounted\npost-install 2.0 main-B\n");
+  EXPECT_NE(harness::readFile(device.dir + "/stderr").find("hello\n"), std::string::npos);
 }
 
 // Attacks by a hostile server, a hostile manifest and a tampered main-B. Each one ends with its

@@ -19,7 +19,7 @@ mkdir "$work/scratch"
 cmake --install "$build" --prefix "$work/staging" >/dev/null
 mv "$work/staging" "$prefix"
 "${emulator[@]}" "$prefix/bin/selvane-update" --help >"$work/help"
-grep -q '^usage: selvane-update' "$work/help"
+grep -q '^Usage: selvane-update' "$work/help"
 echo "installed selvane-update --help: ok"
 
 config=$(dirname "$(find "$prefix" -name selvaneConfig.cmake)")

@@ -11,7 +11,7 @@
 
 namespace update {
 
-// Throws Failure(Download) naming the file and what is wrong with it.
+// Throws Failure(Usage) naming the file and what is wrong with it.
 zorvelauth::Credentials loadCredentials(const std::string& path);
 
 }  // namespace update

@@ -240,10 +240,7 @@ std::vector<std::string> Downloads::fetch(const std::vector<selvane::Package>& p
   g_progress = &progress;
   progress.begin(total);
   for (const selvane::Package* package : missing) {
-    out.emit(Event("download")
-                 .add("package", package->getName())
-                 .add("url", package->getURL())
-                 .add("bytes", static_cast<uint64_t>(package->getSize())),
+    out.emit(Event("download").add("package", packageJson(*package)),
              "downloading " + package->getName() + " " + package->getVersion() + " (" +
                  humanBytes(package->getSize()) + ")");
     const std::string path = cachePath(*package);

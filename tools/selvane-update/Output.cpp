@@ -1,42 +1,31 @@
 #include "Output.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cinttypes>
-#include <cstdio>
+#include <ctime>
 
 #include "Failure.h"
 
 namespace update {
+namespace {
 
-std::string jsonString(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
+// UTC with milliseconds, as RFC 3339 writes it.
+std::string timestamp() {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  const auto millis =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[40];
+  const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(millis));
+  return text;
 }
+
+}  // namespace
 
 std::string humanBytes(uint64_t bytes) {
   static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
@@ -55,45 +44,30 @@ std::string humanBytes(uint64_t bytes) {
   return text;
 }
 
-Event::Event(const std::string& name) { fields.emplace_back("event", jsonString(name)); }
+Event::Event(const std::string& name)
+    : fields({{"schema", 1}, {"event", name}, {"time", timestamp()}}) {}
 
-Event& Event::add(const std::string& key, const std::string& value) {
-  fields.emplace_back(key, jsonString(value));
-  return *this;
-}
-
-Event& Event::add(const std::string& key, uint64_t value) {
-  fields.emplace_back(key, std::to_string(value));
-  return *this;
-}
-
-Event& Event::add(const std::string& key, double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f", value);
-  fields.emplace_back(key, text);
-  return *this;
-}
-
-Event& Event::add(const std::string& key, bool value) {
-  fields.emplace_back(key, value ? "true" : "false");
-  return *this;
-}
-
-Event& Event::add(const std::string& key, const std::vector<std::string>& values) {
-  std::string list = "[";
-  for (const std::string& value : values) list += (list.size() > 1 ? "," : "") + jsonString(value);
-  fields.emplace_back(key, list + "]");
+Event& Event::add(const std::string& key, Json value) {
+  fields[key] = std::move(value);
   return *this;
 }
 
 std::string Event::json() const {
-  std::string out = "{";
-  for (const auto& [key, value] : fields)
-    out += (out.size() > 1 ? "," : "") + jsonString(key) + ":" + value;
-  return out + "}";
+  return fields.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-Progress::Progress(bool json, bool terminal) : json(json), terminal(terminal) {}
+Json packageJson(const std::string& name, const std::string& version) {
+  return {{"name", name}, {"version", version}};
+}
+
+Json packageJson(const selvane::Package& package) {
+  Json object = packageJson(package.getName(), package.getVersion());
+  object["size"] = package.getSize();
+  object["url"] = package.getURL();
+  return object;
+}
+
+Progress::Progress(Output& out, bool terminal) : out(out), terminal(terminal) {}
 
 void Progress::begin(uint64_t totalBytes) {
   total = totalBytes;
@@ -129,7 +103,7 @@ void Progress::show(bool final) {
   const Clock::time_point now = Clock::now();
   // A terminal bar redraws ten times a second; lines and events come once a second.
   const auto interval =
-      terminal && !json ? std::chrono::milliseconds(100) : std::chrono::seconds(1);
+      terminal && !out.json() ? std::chrono::milliseconds(100) : std::chrono::seconds(1);
   if (!final && now - lastShown < interval) return;
   lastShown = now;
   const uint64_t done = finished + current;
@@ -137,15 +111,12 @@ void Progress::show(bool final) {
   const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
   const double left = rate > 0 && total > done ? static_cast<double>(total - done) / rate : 0;
   const unsigned percent = total > 0 ? static_cast<unsigned>(done * 100 / total) : 100;
-  if (json) {
-    std::printf("%s\n", Event("progress")
-                            .add("bytes", done)
-                            .add("total", total)
-                            .add("rate", rate)
-                            .add("seconds_left", left)
-                            .json()
-                            .c_str());
-    std::fflush(stdout);
+  if (out.json()) {
+    out.write(Event("progress")
+                  .add("bytes", done)
+                  .add("total", total)
+                  .add("bytes_per_second", static_cast<uint64_t>(rate))
+                  .add("seconds_left", static_cast<uint64_t>(left + 0.5)));
     return;
   }
   const std::string amounts = humanBytes(done) + " of " + humanBytes(total);
@@ -163,23 +134,41 @@ void Progress::show(bool final) {
   }
 }
 
-Output::Output(bool json) : json(json), bar(json, isatty(STDERR_FILENO) != 0) {}
+Output::Output(bool json) : bar(*this, isatty(STDERR_FILENO) != 0) {
+  if (!json) return;
+  std::fflush(stdout);
+  const int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+  if (fd >= 0 && dup2(STDERR_FILENO, STDOUT_FILENO) >= 0) events = fdopen(fd, "w");
+  if (events == nullptr) {
+    std::fprintf(stderr, "selvane-update: cannot set standard output aside for JSON\n");
+    std::exit(1);
+  }
+}
+
+Output::~Output() {
+  if (events != nullptr) std::fclose(events);
+}
+
+void Output::write(const Event& event) {
+  if (events == nullptr) return;
+  std::fprintf(events, "%s\n", event.json().c_str());
+  std::fflush(events);
+}
 
 void Output::emit(const Event& event, const std::string& human) {
   bar.clear();
-  std::printf("%s\n", json ? event.json().c_str() : human.c_str());
+  if (json()) return write(event);
+  std::printf("%s\n", human.c_str());
   std::fflush(stdout);
 }
 
 void Output::fail(const Failure& failure) {
-  if (json) {
-    std::printf("%s\n", Event("failed")
-                            .add("class", exitName(failure.code))
-                            .add("exit_code", static_cast<uint64_t>(failure.code))
-                            .add("message", failure.what())
-                            .json()
-                            .c_str());
-    std::fflush(stdout);
+  bar.clear();
+  if (json()) {
+    write(Event("failed")
+              .add("class", exitName(failure.code))
+              .add("exit_code", static_cast<int>(failure.code))
+              .add("message", failure.what()));
   } else {
     std::fprintf(stderr, "selvane-update: %s failed: %s\n", exitName(failure.code), failure.what());
   }

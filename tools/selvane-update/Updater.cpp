@@ -12,6 +12,7 @@
 
 #include "Downloads.h"
 #include "Failure.h"
+#include "Hooks.h"
 #include "Plan.h"
 #include "Release.h"
 #include "TargetRoot.h"
@@ -144,14 +145,19 @@ boost::shared_ptr<selvane::Device> systemDevice() {
   }
 }
 
-Event planEvent(const Plan& plan, uint64_t fetchBytes) {
-  std::vector<std::string> install;
-  for (const selvane::Package& package : plan.install)
-    install.push_back(package.getName() + " " + package.getVersion());
+Event planEvent(const Plan& plan, uint64_t fetchBytes, const selvane::Manifest& release,
+                const std::map<std::string, std::string>& installed) {
+  Json remove = Json::array(), install = Json::array(), unchanged = Json::array();
+  for (const std::string& name : plan.remove)
+    remove.push_back(packageJson(name, installed.at(name)));
+  for (const selvane::Package& package : plan.install) install.push_back(packageJson(package));
+  for (const std::string& name : plan.unchanged)
+    unchanged.push_back(packageJson(name, release.getPackageVersion(name)));
   return Event("plan")
-      .add("remove", plan.remove)
+      .add("release", release.getVersion())
+      .add("remove", remove)
       .add("install", install)
-      .add("unchanged", static_cast<uint64_t>(plan.unchanged.size()))
+      .add("unchanged", unchanged)
       .add("download_bytes", fetchBytes);
 }
 
@@ -182,13 +188,15 @@ bool interrupted() { return g_interrupted != 0; }
 
 Updater::Updater(const Options& options, Output& out) : options(options), out(out) {}
 
-void Updater::install() {
+void Updater::install(Hooks& hooks) {
   InstanceLock lock(options.lockFile);
   Downloads downloads(options, out);
   const selvane::Manifest release = downloads.manifest();
-  out.emit(Event("manifest")
-               .add("version", release.getVersion())
-               .add("packages", static_cast<uint64_t>(release.getPackages().size())),
+  hooks.set("RELEASE", release.getVersion());
+  Json listed = Json::array();
+  for (const selvane::Package& package : release.getPackages())
+    listed.push_back(packageJson(package));
+  out.emit(Event("manifest").add("release", release.getVersion()).add("packages", listed),
            "release " + release.getVersion() + " with " +
                std::to_string(release.getPackages().size()) + " packages");
   const std::string running = readRelease("");
@@ -205,6 +213,8 @@ void Updater::install() {
   const bool bootsOther = property(kBootMode) == selvane::labelToText(other);
 
   MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
+  hooks.set("OTHER_ROOT", selvane::labelToText(other));
+  hooks.set("OTHER_MOUNTPOINT", root.path());
   selvane::PackageManager packages(root.path());
   packages.refreshInstalledPackages();
   const Plan plan = makePlan(release, packages.getInstalledPackages());
@@ -217,7 +227,9 @@ void Updater::install() {
     return;
   }
   const uint64_t fetchBytes = downloads.bytesToFetch(plan.install);
-  out.emit(planEvent(plan, fetchBytes), describePlan(plan, fetchBytes));
+  out.emit(planEvent(plan, fetchBytes, release, packages.getInstalledPackages())
+               .add("rootfs", selvane::labelToText(other)),
+           describePlan(plan, fetchBytes));
 
   // Everything is fetched and checked before the other root is written.
   const std::vector<std::string> files = downloads.fetch(plan.install);
@@ -225,6 +237,7 @@ void Updater::install() {
     checkPackagePaths(root.path(), files[i],
                       plan.install[i].getName() + " " + plan.install[i].getVersion());
   checkInterrupted("writing " + std::string(selvane::labelToText(other)));
+  hooks.run("pre-install");
   if (bootsOther) {
     // A half-finished earlier update: never leave the boot loader pointing at a root in work.
     switchBoot(*device, current, 0);
@@ -240,16 +253,17 @@ void Updater::install() {
 
   for (const std::string& name : plan.remove) {
     checkInterrupted("removing " + name);
-    out.emit(Event("remove").add("package", name), "removing " + name);
+    out.emit(
+        Event("remove").add("package", packageJson(name, packages.getInstalledPackages().at(name))),
+        "removing " + name);
     if (!packages.removePackage(name, options.timeout))
       throw Failure(Exit::Install, "cannot remove " + name + " from " + deviceOf(other));
   }
   for (size_t i = 0; i < files.size(); ++i) {
     const selvane::Package& package = plan.install[i];
     checkInterrupted("installing " + package.getName());
-    out.emit(
-        Event("install").add("package", package.getName()).add("version", package.getVersion()),
-        "installing " + package.getName() + " " + package.getVersion());
+    out.emit(Event("install").add("package", packageJson(package)),
+             "installing " + package.getName() + " " + package.getVersion());
     if (!packages.installPackage(files[i], options.timeout))
       throw Failure(Exit::Install, "cannot install " + files[i] + " into " + deviceOf(other));
   }
@@ -273,6 +287,7 @@ void Updater::install() {
                   std::string(kSanityCheckScript) + " in " + deviceOf(other) + " failed");
   writeRelease(root.path(), release.getVersion());
   root.unmount();
+  hooks.set("OTHER_MOUNTPOINT", "");
   checkInterrupted("the boot switch");
 
   switchBoot(*device, other, options.retries);
@@ -282,6 +297,7 @@ void Updater::install() {
                .add("retries", static_cast<uint64_t>(options.retries)),
            "release " + release.getVersion() + " installed; the next boot starts " +
                selvane::labelToText(other) + " (" + std::to_string(options.retries) + " retries)");
+  hooks.run("post-install");
 }
 
 void Updater::check() {
@@ -295,8 +311,7 @@ void Updater::check() {
   packages.refreshInstalledPackages();
   const Plan plan = makePlan(release, packages.getInstalledPackages());
   const uint64_t bytes = downloads.bytesToFetch(plan.install);
-  out.emit(planEvent(plan, bytes)
-               .add("release", release.getVersion())
+  out.emit(planEvent(plan, bytes, release, packages.getInstalledPackages())
                .add("rootfs", selvane::labelToText(other)),
            "release " + release.getVersion() + " for " + selvane::labelToText(other) + "\n" +
                describePlan(plan, bytes));
@@ -318,26 +333,30 @@ void Updater::status() {
   }
   const std::string currentRelease = readRelease("");
   Event event("status");
+  const auto orNull = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
   event.add("current", current)
       .add("other", selvane::labelToText(other))
-      .add("current_release", currentRelease)
-      .add("other_release", otherRelease);
+      .add("current_release", orNull(currentRelease))
+      .add("other_release", orNull(otherRelease));
   std::string text = "running  " + current + ", release " +
                      (currentRelease.empty() ? "unknown" : currentRelease) + "\nother    " +
                      selvane::labelToText(other) + ", release " +
                      (otherRelease.empty() ? "none" : otherRelease);
+  Json boot = Json::object();
   for (const char* key : {kBootMode, kRetryCount, kKnownGood}) {
     const std::string value = property(key);
-    event.add(key, value);
+    const bool number =
+        !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+    boot[std::string(key).substr(5)] = number ? Json(std::stoull(value)) : orNull(value);
     text += "\n" + std::string(key) + "=" + value;
   }
-  std::vector<std::string> listed;
+  Json listed = Json::array();
   text += "\npackages in " + std::string(selvane::labelToText(other)) + ":";
   for (const auto& [name, version] : otherPackages) {
-    listed.push_back(name + " " + version);
+    listed.push_back(packageJson(name, version));
     text += "\n  " + name + " " + version;
   }
-  out.emit(event.add("other_packages", listed), text);
+  out.emit(event.add("boot", boot).add("other_packages", listed), text);
 }
 
 void Updater::markGood() {

@@ -19,23 +19,27 @@ struct Options {
   std::string credentials;  // storage credentials file, for signed downloads
   std::string cache = "/var/cache/selvane";
   std::string lockFile = "/run/lock/selvane-update.lock";
-  unsigned retries = 3;                 // boot attempts of the new root before falling back
-  int timeout = 600;                    // seconds for each package command
-  uint64_t manifestMaxSize = 16 << 20;  // bytes, for the manifest and for its signature
+  unsigned retries = 3;                      // boot attempts of the new root before falling back
+  int timeout = 600;                         // seconds for each package command
+  uint64_t manifestMaxSize = 16 << 20;       // bytes, for the manifest and for its signature
   bool allowUnsignedManifest = false;
   bool allowHttp = false;  // plain http besides https (only with a signed manifest)
   bool allowDowngrade = false;
+  std::string hooks = "/etc/selvane/hooks";  // holds pre-install.d, post-install.d, on-failure.d
+  int hookTimeout = 60;                      // seconds for each hook
 };
 
 // SIGINT and SIGTERM stop the update at the next safe point.
 void installSignalHandlers();
 bool interrupted();
 
+class Hooks;
+
 class Updater {
  public:
   Updater(const Options& options, Output& out);
 
-  void install();
+  void install(Hooks& hooks);
   void check();
   void status();
   void markGood();
