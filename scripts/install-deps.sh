@@ -13,6 +13,7 @@ packages=(
   libubootenv-dev libubootenv-tool
   busybox-static e2fsprogs util-linux binutils xz-utils
   nginx-light nodejs npm curl ca-certificates
+  clang libclang-rt-dev valgrind
 )
 if [ "${1:-}" = "--armhf" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user-static)
