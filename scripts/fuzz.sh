@@ -26,10 +26,12 @@ while read -r name seeds; do
   regressions=tests/fuzz/regressions/$name
   corpus=$build/corpus/$name
   log=$build/fuzz-$name.log
-  mkdir -p "$corpus" "$regressions"
+  mkdir -p "$corpus"
+  inputs=("$corpus" "$build/seeds/$seeds")
   echo "== $name: regression inputs, then $seconds s from $corpus and seeds/$seeds"
   kept=("$regressions"/*)
-  if [ ${#kept[@]} -gt 0 ] && ! "$target" "${kept[@]}" >"$log" 2>&1; then
+  [ ${#kept[@]} -eq 0 ] || inputs+=("$regressions")
+  if [ ${#kept[@]} -gt 0 ] && ! "$target" "${kept[@]}" >"$log" 2>&1 </dev/null; then
     cat "$log"
     failed+=("$name")
     summary+=("$name: a regression input fails again (see $log)")
@@ -37,8 +39,7 @@ while read -r name seeds; do
   fi
   ok=true
   "$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 \
-    -artifact_prefix="$build/findings/$name-" "$corpus" "$build/seeds/$seeds" "$regressions" \
-    >"$log" 2>&1 || ok=false
+    -artifact_prefix="$build/findings/$name-" "${inputs[@]}" >"$log" 2>&1 </dev/null || ok=false
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   if $ok; then
     summary+=("$name: ${runs:-?} executions, no finding")
