@@ -41,7 +41,7 @@ measure() {
   "$sim" run "$device" -- "$bin/peak-rss" "$bin/selvane-update" install \
     --manifest "https://localhost:$(cat "$device/port")/$name/manifest" \
     --keys "$device/keys/trusted" --cache "$work/cache-$name" 2>&1 >/dev/null |
-    sed -n 's/^peak-rss-kib //p'
+    sed -n 's/.*peak-rss-kib //p'
 }
 
 release small 1

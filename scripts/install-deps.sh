@@ -13,6 +13,7 @@ packages=(
   libubootenv-dev libubootenv-tool libcli11-dev nlohmann-json3-dev help2man
   busybox-static e2fsprogs util-linux binutils xz-utils
   nginx-light nodejs npm curl ca-certificates
+  clang libclang-rt-dev valgrind
 )
 if [ "${1:-}" = "--armhf" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user-static)

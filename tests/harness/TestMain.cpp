@@ -1,10 +1,7 @@
 // main() of every test binary, and the symbols it interposes on the libraries it links.
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -16,6 +13,7 @@
 
 #include "Harness.h"
 #include "HarnessInternal.h"
+#include "NoReboot.h"
 
 namespace {
 bool g_privateNamespace = false;
@@ -64,23 +62,6 @@ extern "C" int __lsan_is_turned_off() { return access("/proc/self/task", R_OK) !
 
 namespace {
 
-// Drops CAP_SYS_BOOT from the bounding, inheritable, permitted and effective sets; true once it is
-// gone. Children inherit the reduced bounding set, so their reboot(2) fails with EPERM as well.
-bool dropSysBoot() {
-  (void)prctl(PR_CAPBSET_DROP, CAP_SYS_BOOT, 0, 0, 0);  // EPERM for non-root: checked below
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[2]{};
-  const __u32 bit = 1u << CAP_SYS_BOOT;
-  if (syscall(SYS_capget, &header, data) != 0) return false;
-  data[0].effective &= ~bit;
-  data[0].permitted &= ~bit;
-  data[0].inheritable &= ~bit;
-  if (syscall(SYS_capset, &header, data) != 0 || syscall(SYS_capget, &header, data) != 0)
-    return false;
-  return !((data[0].effective | data[0].permitted) & bit) &&
-         (geteuid() != 0 || prctl(PR_CAPBSET_READ, CAP_SYS_BOOT, 0, 0, 0) == 0);
-}
-
 // A private mount namespace with / recursively private, and a private /run/lock for the lock
 // files that tools such as libubootenv take. Must run before anything starts a thread.
 bool enterPrivateNamespace() {
@@ -95,7 +76,7 @@ bool enterPrivateNamespace() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!dropSysBoot()) {
+  if (!harness::dropSysBoot()) {
     std::fprintf(stderr, "fatal: CAP_SYS_BOOT is still held\n");
     return 1;
   }

@@ -167,6 +167,7 @@ void Downloads::download(const std::string& url, const std::string& path, const 
   transfer->setAllowedProtocols(protocols, protocols);
   transfer->setMinimumTLSVersion(selvane::FileDownloader::TLSVersion::TLSv1_2);
   transfer->setMaximumFileSize(maxBytes);
+  transfer->setBufferSize(102400);  // as curl: 16 KiB (libcurl's default) takes 6 times the reads
   // Transport failures are thrown, others returned: both end up here as one value.
   const selvane::FileDownloaderError result = [&] {
     try {
