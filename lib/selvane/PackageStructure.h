@@ -15,7 +15,7 @@ namespace selvane {
 // True when packagePath is a regular file and an ar archive of exactly those four members.
 // Otherwise logs one line naming the missing, duplicate or unexpected member (or why the archive
 // cannot be read) and answers false. Reads the member headers only; never throws.
-SELVANE_EXPORT [[nodiscard]] bool CheckPackageStructure(const std::string& packagePath);
+[[nodiscard]] SELVANE_EXPORT bool CheckPackageStructure(const std::string& packagePath);
 
 }  // namespace selvane
 
