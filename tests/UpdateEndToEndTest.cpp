@@ -207,6 +207,18 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
   ASSERT_TRUE(device.created);
   const std::string runningRoot = device.digest(device.dir + "/images/main-A.img");
   std::string out;
+  // A boot environment that does not take the switch: the selection stays, and says so.
+  const std::string env = device.dir + "/env", before = device.bootProperties();
+  ASSERT_EQ(harness::shell(kSim + " run " + device.dir + " -- unshare -m sh -c 'mount --bind " +
+                               env + " " + env + " && mount -o remount,ro,bind " + env + " && " +
+                               kUpdate + " " + device.install("release-2.0") + "' 2>&1",
+                           &out),
+            13)
+      << out;
+  EXPECT_NE(out.find("the previous selection boot.bootmode=main-A, boot.otaretrycount=0 is back"),
+            std::string::npos)
+      << out;
+  EXPECT_EQ(device.bootProperties(), before);
   ASSERT_EQ(device.update(device.install("release-2.0"), &out), 0) << out;
   EXPECT_NE(out.find("\"event\":\"switched\""), std::string::npos) << out;
   EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);

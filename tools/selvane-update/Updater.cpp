@@ -123,16 +123,36 @@ class MountedRoot {
   std::string mountpoint;
 };
 
-// Points the boot loader at label and reads the properties back to be sure they took.
-void switchBoot(selvane::Device& device, selvane::Device::RootfsLabel label, unsigned retries) {
-  device.setBootRootfs(label, retries);
-  const std::string mode = property(kBootMode), count = property(kRetryCount);
-  if (mode != selvane::labelToText(label) || count != std::to_string(retries)) {
-    throw Failure(Exit::BootSwitch, std::string("the property store did not take ") + kBootMode +
-                                        "=" + selvane::labelToText(label) + " and " + kRetryCount +
-                                        "=" + std::to_string(retries) + " (it reads " + kBootMode +
-                                        "=" + mode + ", " + kRetryCount + "=" + count + ")");
+// The boot properties that select the next boot, as the property store reads them.
+struct BootSelection {
+  std::string mode, count;
+  static BootSelection read() { return {property(kBootMode), property(kRetryCount)}; }
+  bool operator==(const BootSelection& other) const {
+    return mode == other.mode && count == other.count;
   }
+  std::string text() const {
+    return std::string(kBootMode) + "=" + mode + ", " + kRetryCount + "=" + count;
+  }
+};
+
+// Points the boot loader at label and reads the properties back to be sure they took. When they
+// did not, the previous selection is written back and read again, so that the boot loader is never
+// left with half a switch; the failure says which selection it holds now.
+void switchBoot(selvane::Device& device, selvane::Device::RootfsLabel label, unsigned retries) {
+  const BootSelection before = BootSelection::read();
+  const BootSelection wanted{selvane::labelToText(label), std::to_string(retries)};
+  device.setBootRootfs(label, retries);
+  const BootSelection written = BootSelection::read();
+  if (written == wanted) return;
+  // Each write is judged by what reads back, below.
+  (void)selvane::BRIX::setProperty(kBootMode, before.mode);
+  (void)selvane::BRIX::setProperty(kRetryCount, before.count);
+  const BootSelection now = BootSelection::read();
+  throw Failure(
+      Exit::BootSwitch,
+      "the property store did not take " + wanted.text() + " (it read " + written.text() + "); " +
+          (now == before ? "the previous selection " + before.text() + " is back"
+                         : "it could not restore " + before.text() + " and reads " + now.text()));
 }
 
 boost::shared_ptr<selvane::Device> systemDevice() {
