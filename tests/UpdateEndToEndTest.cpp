@@ -331,6 +331,41 @@ TEST_F(UpdateEndToEnd, AFailingSanityCheckKeepsTheBootSelection) {
   EXPECT_NE(device.bootProperties().find("boot.otaretrycount=0\n"), std::string::npos);
 }
 
+// A release that drops hello and moves the shell from busybox to a package of another name: the
+// shell's old package goes last, after the installs, so that the package tool never runs without
+// it.
+TEST_F(UpdateEndToEnd, AReleaseThatMovesTheShellToAnotherPackageRemovesTheOldOneLast) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  std::string out;
+  ASSERT_EQ(device.update(device.install("release-2.0"), &out), 0) << out;
+  fixtures::PackageRecipe toolbox, greeter;
+  toolbox.name = "toolbox";
+  toolbox.executables["/bin/busybox"] = harness::readFile("/bin/busybox");
+  std::istringstream applets(
+      "sh ash echo cat env ls mkdir rm rmdir cp mv test [ sha256sum sed grep awk sleep true false "
+      "id pwd printf touch ln readlink head tail wc tr cut sort uname chmod find xargs stat mktemp "
+      "basename dirname tar gzip gunzip zcat ar expr date kill uniq od dd sync");
+  for (std::string applet; applets >> applet;) toolbox.links["/bin/" + applet] = "busybox";
+  toolbox.links["/usr/bin/env"] = "../../bin/env";
+  greeter.name = "greeter";
+  greeter.executables["/usr/bin/hello"] = "#!/bin/sh\necho hello from greeter\n";
+  const std::string base = device.dir + "/www/release-2.0/";
+  device.publish("shell-moved",
+                 {base + "base-files_*.ipk", base + "opkg_*.ipk", package(device, toolbox),
+                  package(device, greeter)},
+                 false);
+  ASSERT_EQ(device.update(device.install("shell-moved"), &out), 0) << out;
+  EXPECT_NE(out.find("\"remove\":[\"hello\",\"busybox\"]"), std::string::npos) << out;
+  ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /usr/bin/hello", &out), 0) << out;
+  EXPECT_NE(out.find("hello from greeter"), std::string::npos) << out;
+  ASSERT_EQ(device.update("--json status", &out), 0) << out;
+  EXPECT_NE(out.find("\"other_packages\":[\"base-files 2.0\",\"greeter 1.0\",\"opkg 0.1\","
+                     "\"toolbox 1.0\"]"),
+            std::string::npos)
+      << out;
+}
+
 TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARetryCompletesIt) {
   SimulatedDevice device(scratch / "device");
   ASSERT_TRUE(device.created);

@@ -1,5 +1,11 @@
 #include "Plan.h"
 
+#include <fcntl.h>
+#include <selvane/OpenInRoot.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
 #include <set>
 
 namespace update {
@@ -8,6 +14,60 @@ uint64_t Plan::installBytes() const {
   uint64_t bytes = 0;
   for (const selvane::Package& package : install) bytes += package.getSize();
   return bytes;
+}
+
+std::vector<std::string> Plan::removals() const {
+  std::vector<std::string> all = remove;
+  all.insert(all.end(), removeLast.begin(), removeLast.end());
+  return all;
+}
+
+namespace {
+
+// The package tool runs as the root's /usr/bin/opkg-cl, a script for the root's /bin/sh; /bin/sh
+// is often a link to a multi-call binary, which counts too.
+std::set<std::string> essentialFiles(const std::string& rootPath) {
+  std::set<std::string> files = {"/bin/sh", "/usr/bin/opkg-cl"};
+  char target[256];
+  const ssize_t length = readlink((rootPath + "/bin/sh").c_str(), target, sizeof target - 1);
+  if (length > 0) {
+    target[length] = '\0';
+    files.insert(target[0] == '/' ? std::string(target) : "/bin/" + std::string(target));
+  }
+  return files;
+}
+
+// Whether the opkg file list of name, read inside the root, names one of files.
+bool listsAnyOf(const std::string& rootPath, const std::string& name,
+                const std::set<std::string>& files) {
+  const int fd = selvane::OpenInRoot(rootPath, "/var/lib/opkg/info/" + name + ".list",
+                                     O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return false;
+  FILE* list = fdopen(fd, "r");
+  if (list == nullptr) {
+    close(fd);
+    return false;
+  }
+  bool found = false;
+  char line[4096];
+  while (!found && std::fgets(line, sizeof line, list) != nullptr) {
+    std::string path = line;
+    if (!path.empty() && path.back() == '\n') path.pop_back();
+    found = files.count(path) != 0;
+  }
+  std::fclose(list);
+  return found;
+}
+
+}  // namespace
+
+void keepEssentialsToLast(Plan& plan, const std::string& rootPath) {
+  const std::set<std::string> files = essentialFiles(rootPath);
+  const auto last = std::stable_partition(
+      plan.remove.begin(), plan.remove.end(),
+      [&](const std::string& name) { return !listsAnyOf(rootPath, name, files); });
+  plan.removeLast.insert(plan.removeLast.end(), last, plan.remove.end());
+  plan.remove.erase(last, plan.remove.end());
 }
 
 Plan makePlan(const selvane::Manifest& release,

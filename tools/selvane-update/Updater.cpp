@@ -169,7 +169,7 @@ Event planEvent(const Plan& plan, uint64_t fetchBytes) {
   for (const selvane::Package& package : plan.install)
     install.push_back(package.getName() + " " + package.getVersion());
   return Event("plan")
-      .add("remove", plan.remove)
+      .add("remove", plan.removals())
       .add("install", install)
       .add("unchanged", static_cast<uint64_t>(plan.unchanged.size()))
       .add("download_bytes", fetchBytes);
@@ -177,10 +177,10 @@ Event planEvent(const Plan& plan, uint64_t fetchBytes) {
 
 std::string describePlan(const Plan& plan, uint64_t fetchBytes) {
   std::string text = "plan: " + std::to_string(plan.install.size()) + " to install, " +
-                     std::to_string(plan.remove.size()) + " to remove, " +
+                     std::to_string(plan.remove.size() + plan.removeLast.size()) + " to remove, " +
                      std::to_string(plan.unchanged.size()) + " unchanged; " +
                      humanBytes(fetchBytes) + " to download";
-  for (const std::string& name : plan.remove) text += "\n  remove   " + name;
+  for (const std::string& name : plan.removals()) text += "\n  remove   " + name;
   for (const selvane::Package& package : plan.install)
     text += "\n  install  " + package.getName() + " " + package.getVersion() + " (" +
             humanBytes(package.getSize()) + ")";
@@ -227,7 +227,8 @@ void Updater::install() {
   MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
   selvane::PackageManager packages(root.path());
   packages.refreshInstalledPackages();
-  const Plan plan = makePlan(release, packages.getInstalledPackages());
+  Plan plan = makePlan(release, packages.getInstalledPackages());
+  keepEssentialsToLast(plan, root.path());
   if (plan.empty() && bootsOther && readRelease(root.path()) == release.getVersion()) {
     out.emit(Event("up-to-date")
                  .add("release", release.getVersion())
@@ -258,12 +259,15 @@ void Updater::install() {
   root.makeWritable();
   forgetRelease(root.path());
 
-  for (const std::string& name : plan.remove) {
-    checkInterrupted("removing " + name);
-    out.emit(Event("remove").add("package", name), "removing " + name);
-    if (!packages.removePackage(name, options.timeout))
-      throw Failure(Exit::Install, "cannot remove " + name + " from " + deviceOf(other));
-  }
+  const auto remove = [&](const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      checkInterrupted("removing " + name);
+      out.emit(Event("remove").add("package", name), "removing " + name);
+      if (!packages.removePackage(name, options.timeout))
+        throw Failure(Exit::Install, "cannot remove " + name + " from " + deviceOf(other));
+    }
+  };
+  remove(plan.remove);
   for (size_t i = 0; i < files.size(); ++i) {
     const selvane::Package& package = plan.install[i];
     checkInterrupted("installing " + package.getName());
@@ -273,6 +277,7 @@ void Updater::install() {
     if (!packages.installPackage(files[i], options.timeout))
       throw Failure(Exit::Install, "cannot install " + files[i] + " into " + deviceOf(other));
   }
+  remove(plan.removeLast);  // the shell and the package tool, now that the new ones are in
   checkInterrupted("configuring");
   out.emit(Event("configure"), "configuring packages");
   if (!packages.configurePackages(options.timeout))
@@ -313,7 +318,8 @@ void Updater::check() {
   MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
   selvane::PackageManager packages(root.path());
   packages.refreshInstalledPackages();
-  const Plan plan = makePlan(release, packages.getInstalledPackages());
+  Plan plan = makePlan(release, packages.getInstalledPackages());
+  keepEssentialsToLast(plan, root.path());
   const uint64_t bytes = downloads.bytesToFetch(plan.install);
   out.emit(planEvent(plan, bytes)
                .add("release", release.getVersion())
