@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "Harness.h"
+#include "HttpTestServer.h"
 #include "PackageBuilder.h"
 
 namespace {
@@ -383,6 +384,42 @@ TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARetryComplete
   std::string out;
   EXPECT_EQ(device.update(device.install("big"), &out), 0) << out;
   EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
+}
+
+// Transient failures are tried again after growing pauses, final answers are not, and a network
+// that stays down is a download failure (4), never a bad manifest (3).
+TEST_F(UpdateEndToEnd, TransientFailuresAreRetriedAndFinalAnswersAreNot) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  fixtures::HttpTestServer server;
+  struct Case {
+    std::string url, options;
+    int exitCode;
+    size_t requests;  // for url
+    const char* message;
+  } cases[] = {
+      // The manifest comes on the third try; its signature is then checked (and is garbage).
+      {server.url("/flaky/2/100"), "", 7, 3, "is not signed"},
+      {server.url("/status/404"), "", 3, 1, "404"},
+      {server.url("/status/429"), "--retries-download 1", 4, 2, "(2 tries)"},
+      {server.url("/stall/100"), "--retries-download 1 --stall-timeout 1", 4, 2,
+       "nothing arrived for 1 s"},
+      {"http://127.0.0.1:1/manifest", "--retries-download 0", 4, 0, "(1 tries)"},
+  };
+  for (const Case& c : cases) {
+    std::string out;
+    EXPECT_EQ(device.update("install --allow-http --keys " + device.dir + "/keys/trusted " +
+                                "--manifest " + c.url + " " + c.options,
+                            &out),
+              c.exitCode)
+        << c.url << "\n"
+        << out;
+    EXPECT_NE(out.find(c.message), std::string::npos) << c.url << "\n" << out;
+    size_t requests = 0;
+    for (const fixtures::RecordedRequest& request : server.requests())
+      requests += request.requestLine == "GET " + c.url.substr(c.url.find('/', 7)) + " HTTP/1.1";
+    EXPECT_EQ(requests, c.requests) << c.url;
+  }
 }
 
 TEST_F(UpdateEndToEnd, AMainBTooSmallForTheReleaseFailsTheInstall) {

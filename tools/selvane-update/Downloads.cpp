@@ -9,9 +9,13 @@
 #include <selvane/ZorvelFileDownloader.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
+#include <random>
+#include <thread>
 
 #include "Credentials.h"
 #include "Failure.h"
@@ -20,11 +24,73 @@
 namespace update {
 namespace {
 
-Progress* g_progress = nullptr;  // the observer has no user data: one download at a time
+// The progress observer has no user data: its state is kept here (one download at a time).
+Progress* g_progress = nullptr;
+struct StallWatch {
+  std::chrono::seconds limit{300};
+  uint64_t bytes = 0;
+  std::chrono::steady_clock::time_point since;
+  bool stalled = false;
+} g_watch;
 
+// Reports progress, and stops a transfer that was interrupted or has received nothing for the
+// stall limit (libcurl calls this about once a second also while nothing arrives).
 bool onProgress(double received, double) {
-  if (g_progress != nullptr && received > 0) g_progress->update(static_cast<uint64_t>(received));
+  const uint64_t bytes = received > 0 ? static_cast<uint64_t>(received) : 0;
+  if (g_progress != nullptr && bytes > 0) g_progress->update(bytes);
+  const auto now = std::chrono::steady_clock::now();
+  if (bytes != g_watch.bytes) {
+    g_watch.bytes = bytes;
+    g_watch.since = now;
+  } else if (now - g_watch.since >= g_watch.limit) {
+    g_watch.stalled = true;
+    return false;
+  }
   return !interrupted();
+}
+
+// Failures that another try may not meet: the network, the server's own trouble (5xx), a request
+// timeout (408), too many requests (429), a stall, a body cut short. Other 4xx answers are final.
+bool transient(const selvane::FileDownloaderError& error, long status) {
+  switch (error.code) {
+    case selvane::FileDownloaderError::HttpError:
+      return status >= 500 || status == 408 || status == 429;
+    case selvane::FileDownloaderError::GeneralError:
+      return error.message == "The file did not download completely.";
+    case selvane::FileDownloaderError::CurlError:
+      switch (error.curlCode) {
+        case CURLE_COULDNT_RESOLVE_PROXY:
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_OPERATION_TIMEDOUT:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_HTTP2:
+        case CURLE_HTTP2_STREAM:
+          return true;
+        case CURLE_ABORTED_BY_CALLBACK:
+          return g_watch.stalled;
+        default:
+          return false;
+      }
+    default:
+      return false;
+  }
+}
+
+// Before try number `attempt` (1, 2, ...): 1 s, 2 s, 4 s ... each give or take a quarter, so that
+// devices that failed together do not return together. Ends early on SIGINT or SIGTERM.
+void backOff(unsigned attempt) {
+  static std::mt19937 random(std::random_device{}());
+  const double base = 1000.0 * static_cast<double>(1u << std::min(attempt - 1, 10u));
+  const auto end = std::chrono::steady_clock::now() +
+                   std::chrono::milliseconds(static_cast<long>(
+                       std::uniform_real_distribution<double>(0.75 * base, 1.25 * base)(random)));
+  while (!interrupted() && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 
 bool isUrl(const std::string& text) {
@@ -70,11 +136,7 @@ selvane::Manifest Downloads::manifest() {
     }
     path = copy->getPath();
     signature = signatureCopy->getPath();
-    try {
-      download(options.manifest, path, "the manifest", options.manifestMaxSize);
-    } catch (const Failure& failure) {
-      throw Failure(failure.code == Exit::Download ? Exit::Manifest : failure.code, failure.what());
-    }
+    download(options.manifest, path, "the manifest", options.manifestMaxSize, Exit::Manifest);
   } else {
     checkLocalSize(path, "the manifest");
   }
@@ -102,9 +164,10 @@ void Downloads::checkManifestSignature(const std::string& path, const std::strin
   const std::string notSigned = "the manifest " + options.manifest + " is not signed";
   if (isUrl(options.manifest)) {
     try {
-      download(options.manifest + ".sig", signature, "its signature", options.manifestMaxSize);
+      download(options.manifest + ".sig", signature, "its signature", options.manifestMaxSize,
+               Exit::Signature);
     } catch (const Failure& failure) {
-      if (failure.code != Exit::Download) throw;
+      if (failure.code != Exit::Signature) throw;
       throw Failure(Exit::Signature, notSigned + ": " + failure.what());
     }
   } else if (access(signature.c_str(), F_OK) != 0) {
@@ -157,7 +220,7 @@ bool Downloads::cached(const selvane::Package& package) {
 }
 
 void Downloads::download(const std::string& url, const std::string& path, const std::string& what,
-                         uint64_t maxBytes) {
+                         uint64_t maxBytes, Exit refused) {
   const std::string partial = path + ".part";
   const std::unique_ptr<selvane::FileDownloader> transfer = downloader();
   transfer->setProgressCallback(onProgress);
@@ -167,27 +230,46 @@ void Downloads::download(const std::string& url, const std::string& path, const 
   transfer->setAllowedProtocols(protocols, protocols);
   transfer->setMinimumTLSVersion(selvane::FileDownloader::TLSVersion::TLSv1_2);
   transfer->setMaximumFileSize(maxBytes);
-  // Transport failures are thrown, others returned: both end up here as one value.
-  const selvane::FileDownloaderError result = [&] {
-    try {
-      return transfer->download(url, partial);
-    } catch (const selvane::FileDownloaderError& error) {
-      return error;
+  g_watch.limit = std::chrono::seconds(options.stallTimeout);
+  for (unsigned attempt = 0;; ++attempt) {
+    if (attempt > 0) backOff(attempt);
+    g_watch.bytes = 0;
+    g_watch.since = std::chrono::steady_clock::now();
+    g_watch.stalled = false;
+    // Transport failures are thrown, others returned: both end up here as one value.
+    const selvane::FileDownloaderError result = [&] {
+      try {
+        return transfer->download(url, partial);
+      } catch (const selvane::FileDownloaderError& error) {
+        return error;
+      }
+    }();
+    if (interrupted()) {
+      std::remove(partial.c_str());
+      throw Failure(Exit::Interrupted,
+                    "interrupted while downloading " + what + "; nothing was switched");
     }
-  }();
-  if (interrupted()) {
-    std::remove(partial.c_str());
-    throw Failure(Exit::Interrupted,
-                  "interrupted while downloading " + what + "; nothing was switched");
-  }
-  if (result.code != selvane::FileDownloaderError::NoError) {
+    if (result.code == selvane::FileDownloaderError::NoError) break;
     std::remove(partial.c_str());
     if (result.curlCode == CURLE_FILESIZE_EXCEEDED) {
       throw Failure(Exit::Size, what + " from " + url + " is larger than " +
                                     std::to_string(maxBytes) + " bytes; the transfer was stopped");
     }
-    throw Failure(Exit::Download,
-                  "cannot download " + what + " from " + url + ": " + result.errorString());
+    const std::string reason =
+        g_watch.stalled ? "nothing arrived for " + std::to_string(options.stallTimeout) + " s"
+                        : result.errorString();
+    const bool again = transient(result, transfer->responseCode());
+    if (again && attempt < options.downloadRetries) {
+      out.emit(Event("retry")
+                   .add("url", url)
+                   .add("attempt", static_cast<uint64_t>(attempt + 1))
+                   .add("reason", reason),
+               "retrying " + what + " (" + reason + ")");
+      continue;
+    }
+    throw Failure(again ? Exit::Download : refused,
+                  "cannot download " + what + " from " + url + ": " + reason +
+                      (again ? " (" + std::to_string(attempt + 1) + " tries)" : ""));
   }
   if (std::rename(partial.c_str(), path.c_str()) != 0) {
     throw Failure(Exit::Download, "cannot store " + what + " at " + path);
@@ -249,7 +331,7 @@ std::vector<std::string> Downloads::fetch(const std::vector<selvane::Package>& p
     const std::string path = cachePath(*package);
     try {
       download(package->getURL(), path, package->getName() + " " + package->getVersion(),
-               package->getSize());
+               package->getSize(), Exit::Download);
       check(*package, path);
     } catch (const Failure&) {
       g_progress = nullptr;

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Failure.h"
 #include "Output.h"
 #include "Updater.h"
 
@@ -44,8 +45,11 @@ class Downloads {
   void createCache() const;
   void checkLocalSize(const std::string& path, const std::string& what) const;
   void checkManifestSignature(const std::string& path, const std::string& signature);
+  // Fetches url into path, trying again after transient failures (--retries-download); a final
+  // answer from the server (a 4xx but 408 and 429, a refused scheme) fails with `refused`, a
+  // network that stays down with Exit::Download.
   void download(const std::string& url, const std::string& path, const std::string& what,
-                uint64_t maxBytes);
+                uint64_t maxBytes, Exit refused);
   void check(const selvane::Package& package, const std::string& path);
 
   const Options& options;

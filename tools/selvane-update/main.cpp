@@ -35,6 +35,7 @@ const char kUsage[] =
     "  check     --manifest FILE|URL --keys DIR [--credentials FILE] [--cache DIR]\n"
     "            show what install would do, changing nothing\n"
     "  both take [--manifest-max-size BYTES] (default 16 MiB) [--allow-unsigned-manifest]\n"
+    "            [--retries-download N] (default 3) [--stall-timeout SECONDS] (default 300)\n"
     "            [--allow-http] (plain http too; not with --allow-unsigned-manifest)\n"
     "  status    show both root filesystems, the boot properties and the releases\n"
     "  mark-good mark the running root filesystem known good\n"
@@ -75,6 +76,17 @@ Command parse(int argc, char** argv) {
          command.options.manifestMaxSize = number("--manifest-max-size", v, UINT64_MAX);
          if (command.options.manifestMaxSize == 0)
            throw update::Failure(update::Exit::Usage, "--manifest-max-size must be at least 1");
+       }},
+      {"--retries-download",
+       [&](const std::string& v) {
+         command.options.downloadRetries =
+             static_cast<unsigned>(number("--retries-download", v, 100));
+       }},
+      {"--stall-timeout",
+       [&](const std::string& v) {
+         command.options.stallTimeout = static_cast<unsigned>(number("--stall-timeout", v));
+         if (command.options.stallTimeout == 0)
+           throw update::Failure(update::Exit::Usage, "--stall-timeout must be at least 1");
        }},
       {"--timeout",
        [&](const std::string& v) {
