@@ -121,13 +121,15 @@ class SimulatedDevice {
     return digest(dir + "/images/main-A.img") + digest(dir + "/env/uboot-1.env") +
            digest(dir + "/env/uboot-2.env");
   }
-  // Bytes of packages the server sent so far.
-  uint64_t packageBytesServed() const {
+  // Bytes of packages (whose URL holds name) the server sent so far in answers it completed.
+  uint64_t packageBytesServed(const std::string& name = "") const {
     std::ifstream log(dir + "/nginx/logs/access.log");
     std::string uri, status;
     uint64_t bytes, total = 0;
     while (log >> uri >> status >> bytes)
-      if (uri.size() > 4 && uri.compare(uri.size() - 4, 4, ".ipk") == 0) total += bytes;
+      if (uri.size() > 4 && uri.compare(uri.size() - 4, 4, ".ipk") == 0 &&
+          uri.find(name) != std::string::npos)
+        total += bytes;
     return total;
   }
   // Publishes a release under www/NAME, its manifest signed with the release key (or key):
@@ -367,23 +369,44 @@ TEST_F(UpdateEndToEnd, AReleaseThatMovesTheShellToAnotherPackageRemovesTheOldOne
       << out;
 }
 
-TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARetryCompletesIt) {
+// The server dies half-way through a package; the re-run asks for the rest (Range) and fetches
+// only that, or, from a server that ignores Range, the whole file again from its start.
+TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARerunResumesIt) {
   SimulatedDevice device(scratch / "device");
   ASSERT_TRUE(device.created);
-  device.publish("big", {package(device, withRandomData("big", "1.0", 3 << 20))}, true,
-                 device.url("slow/big"));
-  const std::string state = device.untouchable();
-  {
-    Background update(device.updateCommand(device.install("big")));
-    ASSERT_TRUE(update.waitFor("\"event\":\"progress\""));
-    ASSERT_EQ(device.sim("stop-server " + device.dir), 0);
-    EXPECT_EQ(update.wait(), 4);
+  const struct {
+    const char* path;      // the release
+    const char* location;  // where the server sends its packages from
+    bool resumes;
+  } cases[] = {{"resume", "slow/", true}, {"restart", "slow-norange/", false}};
+  for (const auto& c : cases) {
+    const std::string big = package(device, withRandomData("big", c.path, 3 << 20));
+    const std::string name = std::string("big_") + c.path;
+    device.publish(c.path, {big}, true, device.url(c.location + std::string(c.path)));
+    const std::string state = device.untouchable();
+    {
+      Background update(device.updateCommand(device.install(c.path, "--retries-download 1")));
+      ASSERT_TRUE(update.waitFor("\"package\":\"big\""));
+      ASSERT_TRUE(update.waitFor("\"event\":\"progress\""));
+      ASSERT_EQ(device.sim("stop-server " + device.dir), 0);
+      EXPECT_EQ(update.wait(), 4) << c.path;
+    }
+    EXPECT_EQ(device.untouchable(), state);
+    ASSERT_EQ(device.sim("start-server " + device.dir), 0);
+    const uint64_t before = device.packageBytesServed(name), size = harness::readFile(big).size();
+    std::string out;
+    EXPECT_EQ(device.update(device.install(c.path), &out), 0) << out;
+    EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
+    const uint64_t rerun = device.packageBytesServed(name) - before;
+    std::printf("%s: the re-run fetched %llu bytes of a %llu-byte package cut part-way\n", c.path,
+                static_cast<unsigned long long>(rerun), static_cast<unsigned long long>(size));
+    if (c.resumes) {
+      EXPECT_GT(rerun, 0u);
+      EXPECT_LT(rerun, size);
+    } else {
+      EXPECT_EQ(rerun, size);
+    }
   }
-  EXPECT_EQ(device.untouchable(), state);
-  ASSERT_EQ(device.sim("start-server " + device.dir), 0);
-  std::string out;
-  EXPECT_EQ(device.update(device.install("big"), &out), 0) << out;
-  EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
 }
 
 // Transient failures are tried again after growing pauses, final answers are not, and a network
