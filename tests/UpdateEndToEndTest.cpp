@@ -445,15 +445,17 @@ TEST_F(UpdateEndToEnd, TransientFailuresAreRetriedAndFinalAnswersAreNot) {
   }
 }
 
-TEST_F(UpdateEndToEnd, AMainBTooSmallForTheReleaseFailsTheInstall) {
+TEST_F(UpdateEndToEnd, AMainBTooSmallForTheReleaseFailsBeforeAnyDownload) {
   SimulatedDevice device(scratch / "device", "--main-b-size 8M");
   ASSERT_TRUE(device.created);
   device.publish("huge", {package(device, withRandomData("huge", "1.0", 9 << 20))});
   const std::string state = device.untouchable();
   std::string out;
-  EXPECT_EQ(device.update(device.install("huge"), &out), 9) << out;
-  EXPECT_NE(out.find("cannot install"), std::string::npos) << out;
+  EXPECT_EQ(device.update(device.install("huge"), &out), 19) << out;
+  EXPECT_NE(out.find("not enough space in /dev/disk/by-partlabel/main-B: "), std::string::npos)
+      << out;
   EXPECT_EQ(device.untouchable(), state);
+  EXPECT_EQ(device.packageBytesServed(), 0u) << "nothing is downloaded first";
 }
 
 TEST_F(UpdateEndToEnd, OneUpdateAtATimeAndSigtermAbortsCleanly) {

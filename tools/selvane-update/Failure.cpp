@@ -40,6 +40,8 @@ const char* exitName(Exit code) {
       return "unsafe-root";
     case Exit::Downgrade:
       return "downgrade";
+    case Exit::NoSpace:
+      return "no-space";
   }
   return "internal";
 }

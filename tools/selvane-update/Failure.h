@@ -27,6 +27,7 @@ enum class Exit : int {
   Interrupted = 15,
   UnsafeRoot = 16,
   Downgrade = 17,
+  NoSpace = 19,
 };
 
 // The word that names the failure class in messages and JSON ("digest", "sanity-check"...).

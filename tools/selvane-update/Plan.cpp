@@ -4,8 +4,11 @@
 #include <selvane/OpenInRoot.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <set>
 
 namespace update {
@@ -37,25 +40,35 @@ std::set<std::string> essentialFiles(const std::string& rootPath) {
   return files;
 }
 
-// Whether the opkg file list of name, read inside the root, names one of files.
-bool listsAnyOf(const std::string& rootPath, const std::string& name,
-                const std::set<std::string>& files) {
+// Calls visit with each path in the opkg file list of name, read inside the root, until it
+// returns false.
+void forEachListed(const std::string& rootPath, const std::string& name,
+                   const std::function<bool(const std::string&)>& visit) {
   const int fd = selvane::OpenInRoot(rootPath, "/var/lib/opkg/info/" + name + ".list",
                                      O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return false;
+  if (fd < 0) return;
   FILE* list = fdopen(fd, "r");
   if (list == nullptr) {
     close(fd);
-    return false;
+    return;
   }
-  bool found = false;
   char line[4096];
-  while (!found && std::fgets(line, sizeof line, list) != nullptr) {
+  bool more = true;
+  while (more && std::fgets(line, sizeof line, list) != nullptr) {
     std::string path = line;
     if (!path.empty() && path.back() == '\n') path.pop_back();
-    found = files.count(path) != 0;
+    more = visit(path);
   }
   std::fclose(list);
+}
+
+bool listsAnyOf(const std::string& rootPath, const std::string& name,
+                const std::set<std::string>& files) {
+  bool found = false;
+  forEachListed(rootPath, name, [&](const std::string& path) {
+    found = files.count(path) != 0;
+    return !found;
+  });
   return found;
 }
 
@@ -87,6 +100,25 @@ Plan makePlan(const selvane::Manifest& release,
     if (!inRelease.count(name)) plan.remove.push_back(name);
   }
   return plan;
+}
+
+uint64_t freedBytes(const Plan& plan, const std::string& rootPath,
+                    const std::map<std::string, std::string>& installed) {
+  std::vector<std::string> names = plan.removals();
+  for (const selvane::Package& package : plan.install)
+    if (installed.count(package.getName())) names.push_back(package.getName());
+  uint64_t bytes = 0;
+  for (const std::string& name : names) {
+    forEachListed(rootPath, name, [&](const std::string& path) {
+      const int fd = selvane::OpenInRoot(rootPath, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+      struct stat st;
+      if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1)
+        bytes += static_cast<uint64_t>(st.st_blocks) * 512;
+      if (fd >= 0) close(fd);
+      return true;
+    });
+  }
+  return bytes;
 }
 
 }  // namespace update

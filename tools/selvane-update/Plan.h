@@ -30,6 +30,15 @@ Plan makePlan(const selvane::Manifest& release,
 // that the package tool, which runs in that root under its shell, keeps working until then.
 void keepEssentialsToLast(Plan& plan, const std::string& rootPath);
 
+// What the packages of a plan take once unpacked is estimated as their download size times this
+// factor (gzip rarely packs a root filesystem's files tighter than 2:1).
+const uint64_t kUnpackFactor = 2;
+
+// The disk space that the files of the packages a plan removes or replaces take in the root at
+// rootPath (regular files with a single link, by their opkg lists, read inside the root).
+uint64_t freedBytes(const Plan& plan, const std::string& rootPath,
+                    const std::map<std::string, std::string>& installed);
+
 }  // namespace update
 
 #endif

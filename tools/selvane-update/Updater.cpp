@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -155,6 +156,24 @@ void switchBoot(selvane::Device& device, selvane::Device::RootfsLabel label, uns
                          : "it could not restore " + before.text() + " and reads " + now.text()));
 }
 
+// Bytes that an unprivileged writer may still put on the filesystem holding path (or its nearest
+// existing parent); no limit when that cannot be found out.
+uint64_t freeBytes(boost::filesystem::path path) {
+  boost::system::error_code error;
+  while (!path.empty() && !boost::filesystem::exists(path, error)) path = path.parent_path();
+  const boost::filesystem::space_info space = boost::filesystem::space(path, error);
+  return error ? UINT64_MAX : static_cast<uint64_t>(space.available);
+}
+
+void checkRoom(const std::string& where, const std::string& what, uint64_t needed,
+               uint64_t available) {
+  if (needed <= available) return;
+  throw Failure(Exit::NoSpace, "not enough space in " + where + ": " +
+                                   std::to_string(needed - available) + " bytes short (" + what +
+                                   " " + std::to_string(needed) + " bytes, " +
+                                   std::to_string(available) + " available)");
+}
+
 boost::shared_ptr<selvane::Device> systemDevice() {
   try {
     return selvane::Device::createSystemDevice();
@@ -240,6 +259,13 @@ void Updater::install() {
   const uint64_t fetchBytes = downloads.bytesToFetch(plan.install);
   out.emit(planEvent(plan, fetchBytes), describePlan(plan, fetchBytes));
 
+  // Room for all of it before the first byte is fetched: the cache for the downloads, the other
+  // root for the unpacked packages (an estimate), besides what the old packages free there.
+  checkRoom(options.cache, "the downloads take", fetchBytes, freeBytes(options.cache));
+  const uint64_t rootFree = freeBytes(root.path()),
+                 freed = freedBytes(plan, root.path(), packages.getInstalledPackages());
+  checkRoom(deviceOf(other), "the packages take about", kUnpackFactor * plan.installBytes(),
+            rootFree > UINT64_MAX - freed ? UINT64_MAX : rootFree + freed);
   // Everything is fetched and checked before the other root is written.
   const std::vector<std::string> files = downloads.fetch(plan.install);
   for (size_t i = 0; i < files.size(); ++i)
