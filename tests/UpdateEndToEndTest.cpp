@@ -469,6 +469,9 @@ TEST_F(UpdateEndToEnd, OneUpdateAtATimeAndSigtermAbortsCleanly) {
   std::string out;
   EXPECT_EQ(device.update(device.install("big"), &out), 14) << out;
   EXPECT_NE(out.find("another selvane-update is running"), std::string::npos) << out;
+  // status neither waits for the lock nor takes it, and says why main-B is not shown.
+  EXPECT_EQ(device.update("--json status", &out), 0) << out;
+  EXPECT_NE(out.find("\"update_in_progress\":true"), std::string::npos) << out;
 
   // SIGTERM once the first package is being installed into main-B.
   ASSERT_TRUE(first.waitFor("\"event\":\"install\""));

@@ -4,11 +4,13 @@
 #include <selvane/selvane.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 
 #include "Downloads.h"
@@ -67,6 +69,21 @@ class InstanceLock {
  private:
   int fd;
 };
+
+// Whether another process holds the lock at path, found in /proc/locks by the file's device and
+// inode: a lock that status neither waits for nor takes.
+bool lockHeld(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return false;
+  char wanted[64];
+  std::snprintf(wanted, sizeof wanted, " %02x:%02x:%llu ", major(st.st_dev), minor(st.st_dev),
+                static_cast<unsigned long long>(st.st_ino));
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);)
+    if (line.find(" FLOCK ") != std::string::npos && line.find(wanted) != std::string::npos)
+      return true;
+  return false;
+}
 
 // The other root filesystem, mounted on a temporary directory for as long as the object lives.
 // It is checked to be self-contained before anything, the library included, writes into it.
@@ -355,13 +372,15 @@ void Updater::check() {
 }
 
 void Updater::status() {
-  InstanceLock lock(options.lockFile);
+  // Never waits for the update lock nor takes it: while an update holds it, the other root is in
+  // its hands (and mounted by it), so only what can be read without it is shown.
+  const bool updating = lockHeld(options.lockFile);
   const boost::shared_ptr<selvane::Device> device = systemDevice();
   const std::string current = selvane::labelToText(device->getCurrentRootfs());
   const selvane::Device::RootfsLabel other = device->getOtherRootfs();
   std::map<std::string, std::string> otherPackages;
   std::string otherRelease;
-  {
+  if (!updating) {
     MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
     selvane::PackageManager packages(root.path());
     packages.refreshInstalledPackages();
@@ -374,10 +393,13 @@ void Updater::status() {
       .add("other", selvane::labelToText(other))
       .add("current_release", currentRelease)
       .add("other_release", otherRelease);
+  event.add("update_in_progress", updating);
   std::string text = "running  " + current + ", release " +
                      (currentRelease.empty() ? "unknown" : currentRelease) + "\nother    " +
                      selvane::labelToText(other) + ", release " +
-                     (otherRelease.empty() ? "none" : otherRelease);
+                     (updating               ? "unknown: update in progress"
+                      : otherRelease.empty() ? "none"
+                                             : otherRelease);
   for (const char* key : {kBootMode, kRetryCount, kKnownGood}) {
     const std::string value = property(key);
     event.add(key, value);
