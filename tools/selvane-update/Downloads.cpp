@@ -326,8 +326,12 @@ void Downloads::download(const std::string& url, const std::string& path, const 
       file.store(path);
       return;
     }
-    const bool again = transient(result, transfer->responseCode());
+    const long status = transfer->responseCode();
+    const bool again = transient(result, status);
     if (!again || !resumable) std::remove(partial.c_str());
+    // The downloader writes an error answer's body too: it is no part of the file.
+    if (status != 200 && status != 206 && ftruncate(file.fd, static_cast<off_t>(file.have)) != 0)
+      std::remove(partial.c_str());
     if (result.curlCode == CURLE_FILESIZE_EXCEEDED) {
       throw Failure(Exit::Size, what + " from " + url + " is larger than " +
                                     std::to_string(maxBytes) + " bytes; the transfer was stopped");
