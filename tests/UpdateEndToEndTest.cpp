@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "Harness.h"
+#include "HttpTestServer.h"
 #include "PackageBuilder.h"
 
 namespace {
@@ -210,13 +211,15 @@ class SimulatedDevice {
     return digest(dir + "/images/main-A.img") + digest(dir + "/env/uboot-1.env") +
            digest(dir + "/env/uboot-2.env");
   }
-  // Bytes of packages the server sent so far.
-  uint64_t packageBytesServed() const {
+  // Bytes of packages (whose URL holds name) the server sent so far in answers it completed.
+  uint64_t packageBytesServed(const std::string& name = "") const {
     std::ifstream log(dir + "/nginx/logs/access.log");
     std::string uri, status;
     uint64_t bytes, total = 0;
     while (log >> uri >> status >> bytes)
-      if (uri.size() > 4 && uri.compare(uri.size() - 4, 4, ".ipk") == 0) total += bytes;
+      if (uri.size() > 4 && uri.compare(uri.size() - 4, 4, ".ipk") == 0 &&
+          uri.find(name) != std::string::npos)
+        total += bytes;
     return total;
   }
   // Publishes a release under www/NAME, its manifest signed with the release key (or key):
@@ -297,6 +300,18 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
   ASSERT_TRUE(device.created);
   const std::string runningRoot = device.digest(device.dir + "/images/main-A.img");
   std::string out;
+  // A boot environment that does not take the switch: the selection stays, and says so.
+  const std::string env = device.dir + "/env", before = device.bootProperties();
+  ASSERT_EQ(harness::shell(kSim + " run " + device.dir + " -- unshare -m sh -c 'mount --bind " +
+                               env + " " + env + " && mount -o remount,ro,bind " + env + " && " +
+                               kUpdate + " " + device.install("release-2.0") + "' 2>&1",
+                           &out),
+            13)
+      << out;
+  EXPECT_NE(out.find("the previous selection boot.bootmode=main-A, boot.otaretrycount=0 is back"),
+            std::string::npos)
+      << out;
+  EXPECT_EQ(device.bootProperties(), before);
   ASSERT_EQ(device.update(device.install("release-2.0"), &out), 0) << out;
   EXPECT_NE(out.find("\"event\":\"switched\""), std::string::npos) << out;
   EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
@@ -413,34 +428,128 @@ TEST_F(UpdateEndToEnd, AFailingSanityCheckKeepsTheBootSelection) {
   EXPECT_NE(device.bootProperties().find("boot.otaretrycount=0\n"), std::string::npos);
 }
 
-TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARetryCompletesIt) {
+// A release that drops hello and moves the shell from busybox to a package of another name: the
+// shell's old package goes last, after the installs, so that the package tool never runs without
+// it.
+TEST_F(UpdateEndToEnd, AReleaseThatMovesTheShellToAnotherPackageRemovesTheOldOneLast) {
   SimulatedDevice device(scratch / "device");
   ASSERT_TRUE(device.created);
-  device.publish("big", {package(device, withRandomData("big", "1.0", 3 << 20))}, true,
-                 device.url("slow/big"));
-  const std::string state = device.untouchable();
-  {
-    Background update(device.updateCommand(device.install("big")));
-    ASSERT_TRUE(update.waitFor("\"event\":\"progress\""));
-    ASSERT_EQ(device.sim("stop-server " + device.dir), 0);
-    EXPECT_EQ(update.wait(), 4);
-  }
-  EXPECT_EQ(device.untouchable(), state);
-  ASSERT_EQ(device.sim("start-server " + device.dir), 0);
   std::string out;
-  EXPECT_EQ(device.update(device.install("big"), &out), 0) << out;
-  EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
+  ASSERT_EQ(device.update(device.install("release-2.0"), &out), 0) << out;
+  fixtures::PackageRecipe toolbox, greeter;
+  toolbox.name = "toolbox";
+  toolbox.executables["/bin/busybox"] = harness::readFile("/bin/busybox");
+  std::istringstream applets(
+      "sh ash echo cat env ls mkdir rm rmdir cp mv test [ sha256sum sed grep awk sleep true false "
+      "id pwd printf touch ln readlink head tail wc tr cut sort uname chmod find xargs stat mktemp "
+      "basename dirname tar gzip gunzip zcat ar expr date kill uniq od dd sync");
+  for (std::string applet; applets >> applet;) toolbox.links["/bin/" + applet] = "busybox";
+  toolbox.links["/usr/bin/env"] = "../../bin/env";
+  greeter.name = "greeter";
+  greeter.executables["/usr/bin/hello"] = "#!/bin/sh\necho hello from greeter\n";
+  const std::string base = device.dir + "/www/release-2.0/";
+  device.publish("shell-moved",
+                 {base + "base-files_*.ipk", base + "opkg_*.ipk", package(device, toolbox),
+                  package(device, greeter)},
+                 false);
+  ASSERT_EQ(device.update(device.install("shell-moved"), &out), 0) << out;
+  EXPECT_NE(out.find("\"remove\":[\"hello\",\"busybox\"]"), std::string::npos) << out;
+  ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /usr/bin/hello", &out), 0) << out;
+  EXPECT_NE(out.find("hello from greeter"), std::string::npos) << out;
+  ASSERT_EQ(device.update("--json status", &out), 0) << out;
+  EXPECT_NE(out.find("\"other_packages\":[\"base-files 2.0\",\"greeter 1.0\",\"opkg 0.1\","
+                     "\"toolbox 1.0\"]"),
+            std::string::npos)
+      << out;
 }
 
-TEST_F(UpdateEndToEnd, AMainBTooSmallForTheReleaseFailsTheInstall) {
+// The server dies half-way through a package; the re-run asks for the rest (Range) and fetches
+// only that, or, from a server that ignores Range, the whole file again from its start.
+TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARerunResumesIt) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  const struct {
+    const char* path;      // the release
+    const char* location;  // where the server sends its packages from
+    bool resumes;
+  } cases[] = {{"resume", "slow/", true}, {"restart", "slow-norange/", false}};
+  for (const auto& c : cases) {
+    const std::string big = package(device, withRandomData("big", c.path, 3 << 20));
+    const std::string name = std::string("big_") + c.path;
+    device.publish(c.path, {big}, true, device.url(c.location + std::string(c.path)));
+    const std::string state = device.untouchable();
+    {
+      Background update(device.updateCommand(device.install(c.path, "--retries-download 1")));
+      ASSERT_TRUE(update.waitFor("\"package\":\"big\""));
+      ASSERT_TRUE(update.waitFor("\"event\":\"progress\""));
+      ASSERT_EQ(device.sim("stop-server " + device.dir), 0);
+      EXPECT_EQ(update.wait(), 4) << c.path;
+    }
+    EXPECT_EQ(device.untouchable(), state);
+    ASSERT_EQ(device.sim("start-server " + device.dir), 0);
+    const uint64_t before = device.packageBytesServed(name), size = harness::readFile(big).size();
+    std::string out;
+    EXPECT_EQ(device.update(device.install(c.path), &out), 0) << out;
+    EXPECT_NE(device.bootProperties().find("boot.bootmode=main-B\n"), std::string::npos);
+    const uint64_t rerun = device.packageBytesServed(name) - before;
+    std::printf("%s: the re-run fetched %llu bytes of a %llu-byte package cut part-way\n", c.path,
+                static_cast<unsigned long long>(rerun), static_cast<unsigned long long>(size));
+    if (c.resumes) {
+      EXPECT_GT(rerun, 0u);
+      EXPECT_LT(rerun, size);
+    } else {
+      EXPECT_EQ(rerun, size);
+    }
+  }
+}
+
+// Transient failures are tried again after growing pauses, final answers are not, and a network
+// that stays down is a download failure (4), never a bad manifest (3).
+TEST_F(UpdateEndToEnd, TransientFailuresAreRetriedAndFinalAnswersAreNot) {
+  SimulatedDevice device(scratch / "device");
+  ASSERT_TRUE(device.created);
+  fixtures::HttpTestServer server;
+  struct Case {
+    std::string url, options;
+    int exitCode;
+    size_t requests;  // for url
+    const char* message;
+  } cases[] = {
+      // The manifest comes on the third try; its signature is then checked (and is garbage).
+      {server.url("/flaky/2/100"), "", 7, 3, "is not signed"},
+      {server.url("/status/404"), "", 3, 1, "404"},
+      {server.url("/status/429"), "--retries-download 1", 4, 2, "(2 tries)"},
+      {server.url("/stall/100"), "--retries-download 1 --stall-timeout 1", 4, 2,
+       "nothing arrived for 1 s"},
+      {"http://127.0.0.1:1/manifest", "--retries-download 0", 4, 0, "(1 tries)"},
+  };
+  for (const Case& c : cases) {
+    std::string out;
+    EXPECT_EQ(device.update("install --allow-http --keys " + device.dir + "/keys/trusted " +
+                                "--manifest " + c.url + " " + c.options,
+                            &out),
+              c.exitCode)
+        << c.url << "\n"
+        << out;
+    EXPECT_NE(out.find(c.message), std::string::npos) << c.url << "\n" << out;
+    size_t requests = 0;
+    for (const fixtures::RecordedRequest& request : server.requests())
+      requests += request.requestLine == "GET " + c.url.substr(c.url.find('/', 7)) + " HTTP/1.1";
+    EXPECT_EQ(requests, c.requests) << c.url;
+  }
+}
+
+TEST_F(UpdateEndToEnd, AMainBTooSmallForTheReleaseFailsBeforeAnyDownload) {
   SimulatedDevice device(scratch / "device", "--main-b-size 8M");
   ASSERT_TRUE(device.created);
   device.publish("huge", {package(device, withRandomData("huge", "1.0", 9 << 20))});
   const std::string state = device.untouchable();
   std::string out;
-  EXPECT_EQ(device.update(device.install("huge"), &out), 9) << out;
-  EXPECT_NE(out.find("cannot install"), std::string::npos) << out;
+  EXPECT_EQ(device.update(device.install("huge"), &out), 19) << out;
+  EXPECT_NE(out.find("not enough space in /dev/disk/by-partlabel/main-B: "), std::string::npos)
+      << out;
   EXPECT_EQ(device.untouchable(), state);
+  EXPECT_EQ(device.packageBytesServed(), 0u) << "nothing is downloaded first";
 }
 
 TEST_F(UpdateEndToEnd, OneUpdateAtATimeAndSigtermAbortsCleanly) {
@@ -454,6 +563,9 @@ TEST_F(UpdateEndToEnd, OneUpdateAtATimeAndSigtermAbortsCleanly) {
   std::string out;
   EXPECT_EQ(device.update(device.install("big"), &out), 14) << out;
   EXPECT_NE(out.find("another selvane-update is running"), std::string::npos) << out;
+  // status neither waits for the lock nor takes it, and says why main-B is not shown.
+  EXPECT_EQ(device.update("--json status", &out), 0) << out;
+  EXPECT_NE(out.find("\"update_in_progress\":true"), std::string::npos) << out;
 
   // SIGTERM once the first package is being installed into main-B.
   ASSERT_TRUE(first.waitFor("\"event\":\"install\""));

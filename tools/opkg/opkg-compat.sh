@@ -343,6 +343,14 @@ install_one() {
     fi
   done
   cp "$WORK/list" "$INFO/$NAME.list" || die "cannot write $INFO/$NAME.list"
+  # Files this package now holds leave the lists of the packages that held them before, so that
+  # removing those later leaves them in place.
+  for other in "$INFO"/*.list; do
+    [ "$other" != "$INFO/$NAME.list" ] && [ -f "$other" ] || continue
+    grep -Fxq -f "$WORK/list" "$other" || continue
+    grep -Fxv -f "$WORK/list" "$other" >"$WORK/other.list"
+    cat "$WORK/other.list" >"$other" || die "cannot write $other"
+  done
 
   depends=$(control_field "$WORK/control/control" Depends)
   {

@@ -53,7 +53,8 @@ int main(int argc, char** argv) {
       app.add_subcommand("sign-manifest", "Write a manifest's detached signature.");
   signManifest->footer(
       "Writes the manifest's detached signature (SHA-256; RSA PKCS #1 v1.5 or ECDSA P-256) to\n"
-      "OUT, by default MANIFEST.sig. Devices fetch it from the manifest's URL followed by \".sig\".");
+      "OUT, by default MANIFEST.sig. Devices fetch it from the manifest's URL followed by "
+      "\".sig\".");
   signManifest->add_option("-k,--key", key, "PEM private key")
       ->type_name("PRIVATE.pem")
       ->required();

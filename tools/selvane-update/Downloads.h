@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Failure.h"
 #include "Output.h"
 #include "Updater.h"
 
@@ -44,8 +45,13 @@ class Downloads {
   void createCache() const;
   void checkLocalSize(const std::string& path, const std::string& what) const;
   void checkManifestSignature(const std::string& path, const std::string& signature);
+  // Fetches url into path, trying again after transient failures (--retries-download); a final
+  // answer from the server (a 4xx but 408 and 429, a refused scheme) fails with `refused`, a
+  // network that stays down with Exit::Download.
+  // A resumable download keeps its partial file (path's stem + ".part") across failures and
+  // asks for the rest with a Range request on the next try or the next run.
   void download(const std::string& url, const std::string& path, const std::string& what,
-                uint64_t maxBytes);
+                uint64_t maxBytes, Exit refused, bool resumable = false);
   void check(const selvane::Package& package, const std::string& path);
 
   const Options& options;

@@ -42,6 +42,8 @@ const char* exitName(Exit code) {
       return "downgrade";
     case Exit::PreInstallHook:
       return "pre-install-hook";
+    case Exit::NoSpace:
+      return "no-space";
   }
   return "internal";
 }

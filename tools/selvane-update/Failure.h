@@ -28,6 +28,7 @@ enum class Exit : int {
   UnsafeRoot = 16,
   Downgrade = 17,
   PreInstallHook = 18,
+  NoSpace = 19,
 };
 
 // The word that names the failure class in messages and JSON ("digest", "sanity-check"...).

@@ -4,10 +4,13 @@
 #include <selvane/selvane.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 
 #include "Downloads.h"
@@ -68,6 +71,21 @@ class InstanceLock {
   int fd;
 };
 
+// Whether another process holds the lock at path, found in /proc/locks by the file's device and
+// inode: a lock that status neither waits for nor takes.
+bool lockHeld(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return false;
+  char wanted[64];
+  std::snprintf(wanted, sizeof wanted, " %02x:%02x:%llu ", major(st.st_dev), minor(st.st_dev),
+                static_cast<unsigned long long>(st.st_ino));
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);)
+    if (line.find(" FLOCK ") != std::string::npos && line.find(wanted) != std::string::npos)
+      return true;
+  return false;
+}
+
 // The other root filesystem, mounted on a temporary directory for as long as the object lives.
 // It is checked to be self-contained before anything, the library included, writes into it.
 class MountedRoot {
@@ -124,16 +142,54 @@ class MountedRoot {
   std::string mountpoint;
 };
 
-// Points the boot loader at label and reads the properties back to be sure they took.
-void switchBoot(selvane::Device& device, selvane::Device::RootfsLabel label, unsigned retries) {
-  device.setBootRootfs(label, retries);
-  const std::string mode = property(kBootMode), count = property(kRetryCount);
-  if (mode != selvane::labelToText(label) || count != std::to_string(retries)) {
-    throw Failure(Exit::BootSwitch, std::string("the property store did not take ") + kBootMode +
-                                        "=" + selvane::labelToText(label) + " and " + kRetryCount +
-                                        "=" + std::to_string(retries) + " (it reads " + kBootMode +
-                                        "=" + mode + ", " + kRetryCount + "=" + count + ")");
+// The boot properties that select the next boot, as the property store reads them.
+struct BootSelection {
+  std::string mode, count;
+  static BootSelection read() { return {property(kBootMode), property(kRetryCount)}; }
+  bool operator==(const BootSelection& other) const {
+    return mode == other.mode && count == other.count;
   }
+  std::string text() const {
+    return std::string(kBootMode) + "=" + mode + ", " + kRetryCount + "=" + count;
+  }
+};
+
+// Points the boot loader at label and reads the properties back to be sure they took. When they
+// did not, the previous selection is written back and read again, so that the boot loader is never
+// left with half a switch; the failure says which selection it holds now.
+void switchBoot(selvane::Device& device, selvane::Device::RootfsLabel label, unsigned retries) {
+  const BootSelection before = BootSelection::read();
+  const BootSelection wanted{selvane::labelToText(label), std::to_string(retries)};
+  device.setBootRootfs(label, retries);
+  const BootSelection written = BootSelection::read();
+  if (written == wanted) return;
+  // Each write is judged by what reads back, below.
+  (void)selvane::BRIX::setProperty(kBootMode, before.mode);
+  (void)selvane::BRIX::setProperty(kRetryCount, before.count);
+  const BootSelection now = BootSelection::read();
+  throw Failure(
+      Exit::BootSwitch,
+      "the property store did not take " + wanted.text() + " (it read " + written.text() + "); " +
+          (now == before ? "the previous selection " + before.text() + " is back"
+                         : "it could not restore " + before.text() + " and reads " + now.text()));
+}
+
+// Bytes that an unprivileged writer may still put on the filesystem holding path (or its nearest
+// existing parent); no limit when that cannot be found out.
+uint64_t freeBytes(boost::filesystem::path path) {
+  boost::system::error_code error;
+  while (!path.empty() && !boost::filesystem::exists(path, error)) path = path.parent_path();
+  const boost::filesystem::space_info space = boost::filesystem::space(path, error);
+  return error ? UINT64_MAX : static_cast<uint64_t>(space.available);
+}
+
+void checkRoom(const std::string& where, const std::string& what, uint64_t needed,
+               uint64_t available) {
+  if (needed <= available) return;
+  throw Failure(Exit::NoSpace, "not enough space in " + where + ": " +
+                                   std::to_string(needed - available) + " bytes short (" + what +
+                                   " " + std::to_string(needed) + " bytes, " +
+                                   std::to_string(available) + " available)");
 }
 
 boost::shared_ptr<selvane::Device> systemDevice() {
@@ -148,7 +204,7 @@ boost::shared_ptr<selvane::Device> systemDevice() {
 Event planEvent(const Plan& plan, uint64_t fetchBytes, const selvane::Manifest& release,
                 const std::map<std::string, std::string>& installed) {
   Json remove = Json::array(), install = Json::array(), unchanged = Json::array();
-  for (const std::string& name : plan.remove)
+  for (const std::string& name : plan.removals())
     remove.push_back(packageJson(name, installed.at(name)));
   for (const selvane::Package& package : plan.install) install.push_back(packageJson(package));
   for (const std::string& name : plan.unchanged)
@@ -163,10 +219,10 @@ Event planEvent(const Plan& plan, uint64_t fetchBytes, const selvane::Manifest& 
 
 std::string describePlan(const Plan& plan, uint64_t fetchBytes) {
   std::string text = "plan: " + std::to_string(plan.install.size()) + " to install, " +
-                     std::to_string(plan.remove.size()) + " to remove, " +
+                     std::to_string(plan.remove.size() + plan.removeLast.size()) + " to remove, " +
                      std::to_string(plan.unchanged.size()) + " unchanged; " +
                      humanBytes(fetchBytes) + " to download";
-  for (const std::string& name : plan.remove) text += "\n  remove   " + name;
+  for (const std::string& name : plan.removals()) text += "\n  remove   " + name;
   for (const selvane::Package& package : plan.install)
     text += "\n  install  " + package.getName() + " " + package.getVersion() + " (" +
             humanBytes(package.getSize()) + ")";
@@ -217,7 +273,8 @@ void Updater::install(Hooks& hooks) {
   hooks.set("OTHER_MOUNTPOINT", root.path());
   selvane::PackageManager packages(root.path());
   packages.refreshInstalledPackages();
-  const Plan plan = makePlan(release, packages.getInstalledPackages());
+  Plan plan = makePlan(release, packages.getInstalledPackages());
+  keepEssentialsToLast(plan, root.path());
   if (plan.empty() && bootsOther && readRelease(root.path()) == release.getVersion()) {
     out.emit(Event("up-to-date")
                  .add("release", release.getVersion())
@@ -231,6 +288,13 @@ void Updater::install(Hooks& hooks) {
                .add("rootfs", selvane::labelToText(other)),
            describePlan(plan, fetchBytes));
 
+  // Room for all of it before the first byte is fetched: the cache for the downloads, the other
+  // root for the unpacked packages (an estimate), besides what the old packages free there.
+  checkRoom(options.cache, "the downloads take", fetchBytes, freeBytes(options.cache));
+  const uint64_t rootFree = freeBytes(root.path()),
+                 freed = freedBytes(plan, root.path(), packages.getInstalledPackages());
+  checkRoom(deviceOf(other), "the packages take about", kUnpackFactor * plan.installBytes(),
+            rootFree > UINT64_MAX - freed ? UINT64_MAX : rootFree + freed);
   // Everything is fetched and checked before the other root is written.
   const std::vector<std::string> files = downloads.fetch(plan.install);
   for (size_t i = 0; i < files.size(); ++i)
@@ -251,14 +315,17 @@ void Updater::install(Hooks& hooks) {
   root.makeWritable();
   forgetRelease(root.path());
 
-  for (const std::string& name : plan.remove) {
-    checkInterrupted("removing " + name);
-    out.emit(
-        Event("remove").add("package", packageJson(name, packages.getInstalledPackages().at(name))),
-        "removing " + name);
-    if (!packages.removePackage(name, options.timeout))
-      throw Failure(Exit::Install, "cannot remove " + name + " from " + deviceOf(other));
-  }
+  const std::map<std::string, std::string> installed = packages.getInstalledPackages();
+  const auto remove = [&](const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      checkInterrupted("removing " + name);
+      out.emit(Event("remove").add("package", packageJson(name, installed.at(name))),
+               "removing " + name);
+      if (!packages.removePackage(name, options.timeout))
+        throw Failure(Exit::Install, "cannot remove " + name + " from " + deviceOf(other));
+    }
+  };
+  remove(plan.remove);
   for (size_t i = 0; i < files.size(); ++i) {
     const selvane::Package& package = plan.install[i];
     checkInterrupted("installing " + package.getName());
@@ -267,6 +334,7 @@ void Updater::install(Hooks& hooks) {
     if (!packages.installPackage(files[i], options.timeout))
       throw Failure(Exit::Install, "cannot install " + files[i] + " into " + deviceOf(other));
   }
+  remove(plan.removeLast);  // the shell and the package tool, now that the new ones are in
   checkInterrupted("configuring");
   out.emit(Event("configure"), "configuring packages");
   if (!packages.configurePackages(options.timeout))
@@ -309,7 +377,8 @@ void Updater::check() {
   MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
   selvane::PackageManager packages(root.path());
   packages.refreshInstalledPackages();
-  const Plan plan = makePlan(release, packages.getInstalledPackages());
+  Plan plan = makePlan(release, packages.getInstalledPackages());
+  keepEssentialsToLast(plan, root.path());
   const uint64_t bytes = downloads.bytesToFetch(plan.install);
   out.emit(planEvent(plan, bytes, release, packages.getInstalledPackages())
                .add("rootfs", selvane::labelToText(other)),
@@ -318,13 +387,15 @@ void Updater::check() {
 }
 
 void Updater::status() {
-  InstanceLock lock(options.lockFile);
+  // Never waits for the update lock nor takes it: while an update holds it, the other root is in
+  // its hands (and mounted by it), so only what can be read without it is shown.
+  const bool updating = lockHeld(options.lockFile);
   const boost::shared_ptr<selvane::Device> device = systemDevice();
   const std::string current = selvane::labelToText(device->getCurrentRootfs());
   const selvane::Device::RootfsLabel other = device->getOtherRootfs();
   std::map<std::string, std::string> otherPackages;
   std::string otherRelease;
-  {
+  if (!updating) {
     MountedRoot root(device->getOtherRootfsPartition(), deviceOf(other), true);
     selvane::PackageManager packages(root.path());
     packages.refreshInstalledPackages();
@@ -337,11 +408,14 @@ void Updater::status() {
   event.add("current", current)
       .add("other", selvane::labelToText(other))
       .add("current_release", orNull(currentRelease))
-      .add("other_release", orNull(otherRelease));
+      .add("other_release", orNull(otherRelease))
+      .add("update_in_progress", updating);
   std::string text = "running  " + current + ", release " +
                      (currentRelease.empty() ? "unknown" : currentRelease) + "\nother    " +
                      selvane::labelToText(other) + ", release " +
-                     (otherRelease.empty() ? "none" : otherRelease);
+                     (updating               ? "unknown: update in progress"
+                      : otherRelease.empty() ? "none"
+                                             : otherRelease);
   Json boot = Json::object();
   for (const char* key : {kBootMode, kRetryCount, kKnownGood}) {
     const std::string value = property(key);

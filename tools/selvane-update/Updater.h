@@ -19,9 +19,11 @@ struct Options {
   std::string credentials;  // storage credentials file, for signed downloads
   std::string cache = "/var/cache/selvane";
   std::string lockFile = "/run/lock/selvane-update.lock";
-  unsigned retries = 3;                      // boot attempts of the new root before falling back
-  int timeout = 600;                         // seconds for each package command
-  uint64_t manifestMaxSize = 16 << 20;       // bytes, for the manifest and for its signature
+  unsigned retries = 3;                 // boot attempts of the new root before falling back
+  int timeout = 600;                    // seconds for each package command
+  uint64_t manifestMaxSize = 16 << 20;  // bytes, for the manifest and for its signature
+  unsigned downloadRetries = 3;         // further tries of a transfer that failed transiently
+  unsigned stallTimeout = 300;          // seconds without a byte before a transfer is a stall
   bool allowUnsignedManifest = false;
   bool allowHttp = false;  // plain http besides https (only with a signed manifest)
   bool allowDowngrade = false;

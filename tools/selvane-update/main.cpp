@@ -46,7 +46,9 @@ const Subcommand kSubcommands[] = {
 const char kFooter[] =
     "Exit codes: 0 success, 1 internal, 2 usage, 3 manifest, 4 download, 5 size, 6 digest,\n"
     "7 signature, 8 mount, 9 install, 10 configure, 11 verify, 12 sanity check, 13 boot switch,\n"
-    "14 already running, 15 interrupted, 16 unsafe target root, 17 downgrade, 18 pre-install hook.";
+    "14 already running, 15 interrupted, 16 unsafe target root, 17 downgrade, 18 pre-install "
+    "hook,\n"
+    "19 not enough space.";
 
 bool wantsJson(int argc, char** argv) {
   for (int i = 1; i < argc; ++i)
@@ -122,6 +124,8 @@ int main(int argc, char** argv) {
                               command + " needs --keys (or keys = in " + configFile + ")");
       if (options.manifestMaxSize == 0)
         throw update::Failure(update::Exit::Usage, "--manifest-max-size must be at least 1");
+      if (options.stallTimeout == 0)
+        throw update::Failure(update::Exit::Usage, "--stall-timeout must be at least 1");
       if (options.allowHttp && options.allowUnsignedManifest)
         throw update::Failure(
             update::Exit::Usage,
