@@ -38,6 +38,7 @@ const std::map<std::string, std::map<std::string, char>> kEvents = {
     {"download", {{"package", 'p'}}},
     {"progress",
      {{"bytes", 'n'}, {"total", 'n'}, {"bytes_per_second", 'n'}, {"seconds_left", 'n'}}},
+    {"retry", {{"url", 's'}, {"attempt", 'n'}, {"reason", 's'}}},
     {"hook", {{"stage", 's'}, {"hook", 's'}, {"exit_code", 'n'}}},
     {"boot-reset", {{"bootmode", 's'}}},
     {"remove", {{"package", 'p'}}},
@@ -51,6 +52,7 @@ const std::map<std::string, std::map<std::string, char>> kEvents = {
       {"other", 's'},
       {"current_release", 'S'},
       {"other_release", 'S'},
+      {"update_in_progress", 'b'},
       {"boot", 'o'},
       {"other_packages", 'P'}}},
     {"known-good", {{"rootfs", 's'}}},
@@ -82,6 +84,8 @@ bool hasKind(const nlohmann::json& value, char kind) {
       return value.is_array() && std::all_of(value.begin(), value.end(), isPackage);
     case 'o':
       return value.is_object();
+    case 'b':
+      return value.is_boolean();
     default:
       return value.is_array();
   }
@@ -178,11 +182,13 @@ class SimulatedDevice {
   std::string updateCommand(const std::string& arguments) const {
     return kSim + " run " + dir + " -- " + kUpdate + " " + arguments;
   }
-  // Standard output only; a JSON run's is checked against the schema.
+  // A JSON run's standard output only, checked against the schema; standard error too otherwise.
   int update(const std::string& arguments, std::string* output = nullptr) const {
     std::string out;
-    const int status = harness::shell(updateCommand(arguments) + " 2>" + dir + "/stderr", &out);
-    if (arguments.compare(0, 6, "--json") == 0) expectSchema(out);
+    const bool json = arguments.compare(0, 6, "--json") == 0;
+    const int status =
+        harness::shell(updateCommand(arguments) + (json ? " 2>" + dir + "/stderr" : " 2>&1"), &out);
+    if (json) expectSchema(out);
     if (output != nullptr) *output = out;
     return status;
   }
@@ -453,12 +459,16 @@ TEST_F(UpdateEndToEnd, AReleaseThatMovesTheShellToAnotherPackageRemovesTheOldOne
                   package(device, greeter)},
                  false);
   ASSERT_EQ(device.update(device.install("shell-moved"), &out), 0) << out;
-  EXPECT_NE(out.find("\"remove\":[\"hello\",\"busybox\"]"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"remove\":[{\"name\":\"hello\",\"version\":\"2.0\"},"
+                     "{\"name\":\"busybox\",\"version\":\"1.35.0\"}]"),
+            std::string::npos)
+      << out;
   ASSERT_EQ(device.sim("boot " + device.dir + " main-B -- /usr/bin/hello", &out), 0) << out;
   EXPECT_NE(out.find("hello from greeter"), std::string::npos) << out;
   ASSERT_EQ(device.update("--json status", &out), 0) << out;
-  EXPECT_NE(out.find("\"other_packages\":[\"base-files 2.0\",\"greeter 1.0\",\"opkg 0.1\","
-                     "\"toolbox 1.0\"]"),
+  EXPECT_NE(out.find("\"other_packages\":[{\"name\":\"base-files\",\"version\":\"2.0\"},"
+                     "{\"name\":\"greeter\",\"version\":\"1.0\"},{\"name\":\"opkg\",\"version\":"
+                     "\"0.1\"},{\"name\":\"toolbox\",\"version\":\"1.0\"}]"),
             std::string::npos)
       << out;
 }
@@ -480,7 +490,7 @@ TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARerunResumesI
     const std::string state = device.untouchable();
     {
       Background update(device.updateCommand(device.install(c.path, "--retries-download 1")));
-      ASSERT_TRUE(update.waitFor("\"package\":\"big\""));
+      ASSERT_TRUE(update.waitFor("\"package\":{\"name\":\"big\""));
       ASSERT_TRUE(update.waitFor("\"event\":\"progress\""));
       ASSERT_EQ(device.sim("stop-server " + device.dir), 0);
       EXPECT_EQ(update.wait(), 4) << c.path;
