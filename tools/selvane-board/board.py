@@ -130,7 +130,8 @@ def run(d, timeout, command):
             text = buf.decode('utf-8', 'replace')
             m = done.search(text)
             if m:
-                body = text[:m.start()].split('\n', 1)[1] if '\n' in text[:m.start()] else ''
+                echoed = text.rfind(f'{token[6:]}:$?"', 0, m.start())
+                body = text[echoed:m.start()].split('\n', 1)[1] if echoed >= 0 else text[:m.start()]
                 sys.stdout.write(body.replace('\r', ''))
                 sys.exit(int(m.group(1)))
     sys.stdout.write(buf.decode('utf-8', 'replace').replace('\r', ''))
