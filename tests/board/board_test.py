@@ -180,7 +180,7 @@ def case_powercut(board, cuts=10, seed=12):
     other = {'main-A': 'main-B', 'main-B': 'main-A'}
     for cut in range(cuts):
         kind = rng.choice(['setBootRootfs', 'install'])
-        delay = rng.uniform(0.5, 4) if kind == 'setBootRootfs' else rng.uniform(1, 30)
+        delay = rng.uniform(1, 8) if kind == 'setBootRootfs' else rng.uniform(1, 30)
         if kind == 'setBootRootfs':
             board.send(f'while :; do selvane-board-device boot {other[slot]} 3; selvane-board-device boot {slot} 0; done')
         else:
