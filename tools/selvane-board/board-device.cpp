@@ -16,7 +16,8 @@ int main(int argc, char** argv) {
       const std::string label = argv[2];
       if (label != selvane::ROOTFS_A_LABEL && label != selvane::ROOTFS_B_LABEL) return 2;
       const auto slot = label == selvane::ROOTFS_A_LABEL ? selvane::Device::A : selvane::Device::B;
-      selvane::Device::createSystemDevice()->setBootRootfs(slot, std::strtoul(argv[3], nullptr, 10));
+      selvane::Device::createSystemDevice()->setBootRootfs(slot,
+                                                           std::strtoul(argv[3], nullptr, 10));
       return 0;
     }
     if (command == "evict" && argc == 2) {

@@ -71,6 +71,7 @@ def supervise(d, qemu):
     """Runs qemu as a child; its console goes to console.log and to every client of console.sock,
     and what clients send goes to the console."""
     sock_path = os.path.join(d, 'console.sock')
+    log = open(os.path.join(d, 'console.log'), 'ab', buffering=0)  # there before the socket
     if os.path.exists(sock_path):
         os.unlink(sock_path)
     server = socket.socket(socket.AF_UNIX)
@@ -81,28 +82,27 @@ def supervise(d, qemu):
         f.write(f'{p.pid}\n')
     signal.signal(signal.SIGTERM, lambda *_: p.kill())
     clients = []
-    with open(os.path.join(d, 'console.log'), 'ab', buffering=0) as log:
-        while True:
-            r, _, _ = select.select([p.stdout, server] + clients, [], [])
-            if p.stdout in r:
-                chunk = os.read(p.stdout.fileno(), 65536)
-                if not chunk:
-                    break
-                log.write(chunk)
-                for c in list(clients):
-                    try:
-                        c.sendall(chunk)
-                    except OSError:
-                        clients.remove(c)
-            if server in r:
-                clients.append(server.accept()[0])
-            for c in [c for c in clients if c in r]:
-                data = c.recv(4096)
-                if not data:
+    while True:
+        r, _, _ = select.select([p.stdout, server] + clients, [], [])
+        if p.stdout in r:
+            chunk = os.read(p.stdout.fileno(), 65536)
+            if not chunk:
+                break
+            log.write(chunk)
+            for c in list(clients):
+                try:
+                    c.sendall(chunk)
+                except OSError:
                     clients.remove(c)
-                    continue
-                p.stdin.write(data)
-                p.stdin.flush()
+        if server in r:
+            clients.append(server.accept()[0])
+        for c in [c for c in clients if c in r]:
+            data = c.recv(4096)
+            if not data:
+                clients.remove(c)
+                continue
+            p.stdin.write(data)
+            p.stdin.flush()
     p.wait()
     os.unlink(sock_path)
 
