@@ -78,17 +78,18 @@ class Board:
     def stop(self):
         self.tool('stop')
 
-    def env(self):
-        """The boot environment on the disk, as the boot loader will read it."""
-        parts = {}
+    def partitions(self):
         with open(os.path.join(self.dir, 'partitions')) as f:
-            for line in f:
-                name, start, size = line.split()
-                parts[name] = (int(start), int(size))
+            return {name: (int(start), int(size)) for name, start, size in (l.split() for l in f)}
+
+    def env(self):
+        """The boot environment on the disk, as the boot loader will read it, and the copy's index."""
         r = subprocess.run(['python3', BOARD_PY, 'env', os.path.join(self.dir, 'disk.img'),
-                            str(parts['brix'][0]), '0x4000'], capture_output=True, text=True)
+                            str(self.partitions()['brix'][0]), '0x4000'], capture_output=True, text=True)
         check(r.returncode == 0, f'the environment is torn: {r.stdout}')
-        return dict(l.split('=', 1) for l in r.stdout.splitlines() if '=' in l and not l.startswith('#'))
+        env = dict(l.split('=', 1) for l in r.stdout.splitlines() if '=' in l and not l.startswith('#'))
+        env['copy'] = int(re.search(r'# copy (\d)', r.stdout).group(1)) - 1
+        return env
 
     def guest_env(self):
         return dict(l.split('=', 1) for l in self.must('fw_printenv').splitlines() if '=' in l)
@@ -154,11 +155,10 @@ def case_wipe(board):
     time.sleep(3)
     check(board.text()[halted:].strip() == '', f'output after the halt: {board.text()[halted:]!r}')
     board.stop()
-    with open(os.path.join(board.dir, 'partitions')) as f, open(os.path.join(board.dir, 'disk.img'), 'rb') as disk:
-        for line in f:
-            name, start, size = line.split()
-            disk.seek(int(start))
-            left, block = int(size), 1 << 20
+    with open(os.path.join(board.dir, 'disk.img'), 'rb') as disk:
+        for name, (start, size) in board.partitions().items():
+            disk.seek(start)
+            left, block = size, 1 << 20
             while left > 0:
                 data = disk.read(min(block, left))
                 check(data.count(0) == len(data), f'partition {name} is not wiped')
@@ -201,6 +201,17 @@ def case_powercut(board, cuts=10, seed=12):
         # Only a finished install switches, and then the new root holds the whole release.
         check(kind != 'install' or booted == slot or booted_release == '2.0', f'{booted} has "{booted_release}"')
         slot = booted
+    # A save cut half-way: the boot loader goes by the other copy.
+    board.stop()
+    torn = board.env()['copy']
+    with open(os.path.join(board.dir, 'disk.img'), 'r+b') as disk:
+        disk.seek(board.partitions()['brix'][0] + torn * 0x4000 + 0x2000)
+        disk.write(b'\xff' * 0x2000)
+    env = board.env()
+    check(env['copy'] != torn, 'the torn copy is still in use')
+    board.start()
+    board.expect(rf'selvane-board: running {contract(env)}, ')
+    board.expect(READY)
 
 
 def main():
