@@ -97,7 +97,10 @@ def supervise(d, qemu):
         if server in r:
             clients.append(server.accept()[0])
         for c in [c for c in clients if c in r]:
-            data = c.recv(4096)
+            try:
+                data = c.recv(4096)
+            except OSError:  # a client that left with output unread is reset
+                data = b''
             if not data:
                 clients.remove(c)
                 continue
