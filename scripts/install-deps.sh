@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs every Debian package that building and testing selvane needs.
 # Idempotent: packages already present are left alone, so a second run is quick.
-# Usage: scripts/install-deps.sh [--armhf]
+# Usage: scripts/install-deps.sh [--armhf | --board]   (--board: the emulated board, with --armhf's)
 set -euo pipefail
 
 packages=(
@@ -15,8 +15,11 @@ packages=(
   nginx-light nodejs npm curl ca-certificates
   clang libclang-rt-dev valgrind
 )
-if [ "${1:-}" = "--armhf" ]; then
+if [ "${1:-}" = "--armhf" ] || [ "${1:-}" = "--board" ]; then
   packages+=(g++-arm-linux-gnueabihf qemu-user-static)
+fi
+if [ "${1:-}" = "--board" ]; then
+  packages+=(qemu-system-arm u-boot-qemu u-boot-tools gdisk dosfstools mtools cpio python3)
 fi
 
 missing=()
