@@ -53,6 +53,7 @@ const std::map<std::string, std::map<std::string, char>> kEvents = {
       {"current_release", 'S'},
       {"other_release", 'S'},
       {"update_in_progress", 'b'},
+      {"update_step", 'S'},
       {"boot", 'o'},
       {"other_packages", 'P'}}},
     {"known-good", {{"rootfs", 's'}}},
@@ -576,6 +577,7 @@ TEST_F(UpdateEndToEnd, OneUpdateAtATimeAndSigtermAbortsCleanly) {
   // status neither waits for the lock nor takes it, and says why main-B is not shown.
   EXPECT_EQ(device.update("--json status", &out), 0) << out;
   EXPECT_NE(out.find("\"update_in_progress\":true"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"update_step\":\"downloading\""), std::string::npos) << out;
 
   // SIGTERM once the first package is being installed into main-B.
   ASSERT_TRUE(first.waitFor("\"event\":\"install\""));

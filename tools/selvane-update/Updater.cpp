@@ -65,6 +65,12 @@ class InstanceLock {
   }
   ~InstanceLock() { close(fd); }
   InstanceLock(const InstanceLock&) = delete;
+
+  // Keeps the step the holder is at in the lock file, for status to show.
+  void record(const std::string& step) {
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, step.data(), step.size(), 0) < 0)
+      perror("selvane-update: lock file");
+  }
   InstanceLock& operator=(const InstanceLock&) = delete;
 
  private:
@@ -72,10 +78,12 @@ class InstanceLock {
 };
 
 // Whether another process holds the lock at path, found in /proc/locks by the file's device and
-// inode: a lock that status neither waits for nor takes.
-bool lockHeld(const std::string& path) {
+// inode: a lock that status neither waits for nor takes. step is what the holder recorded.
+bool lockHeld(const std::string& path, std::string& step) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return false;
+  std::ifstream file(path);
+  std::getline(file, step);
   char wanted[64];
   std::snprintf(wanted, sizeof wanted, " %02x:%02x:%llu ", major(st.st_dev), minor(st.st_dev),
                 static_cast<unsigned long long>(st.st_ino));
@@ -246,6 +254,11 @@ Updater::Updater(const Options& options, Output& out) : options(options), out(ou
 
 void Updater::install(Hooks& hooks) {
   InstanceLock lock(options.lockFile);
+  const auto step = [&lock](const std::string& name) {
+    lock.record(name);
+    checkInterrupted(name);
+  };
+  lock.record("reading the manifest");
   Downloads downloads(options, out);
   const selvane::Manifest release = downloads.manifest();
   hooks.set("RELEASE", release.getVersion());
@@ -296,11 +309,12 @@ void Updater::install(Hooks& hooks) {
   checkRoom(deviceOf(other), "the packages take about", kUnpackFactor * plan.installBytes(),
             rootFree > UINT64_MAX - freed ? UINT64_MAX : rootFree + freed);
   // Everything is fetched and checked before the other root is written.
+  lock.record("downloading");
   const std::vector<std::string> files = downloads.fetch(plan.install);
   for (size_t i = 0; i < files.size(); ++i)
     checkPackagePaths(root.path(), files[i],
                       plan.install[i].getName() + " " + plan.install[i].getVersion());
-  checkInterrupted("writing " + std::string(selvane::labelToText(other)));
+  step("writing " + std::string(selvane::labelToText(other)));
   hooks.run("pre-install");
   if (bootsOther) {
     // A half-finished earlier update: never leave the boot loader pointing at a root in work.
@@ -318,7 +332,7 @@ void Updater::install(Hooks& hooks) {
   const std::map<std::string, std::string> installed = packages.getInstalledPackages();
   const auto remove = [&](const std::vector<std::string>& names) {
     for (const std::string& name : names) {
-      checkInterrupted("removing " + name);
+      step("removing " + name);
       out.emit(Event("remove").add("package", packageJson(name, installed.at(name))),
                "removing " + name);
       if (!packages.removePackage(name, options.timeout))
@@ -328,24 +342,24 @@ void Updater::install(Hooks& hooks) {
   remove(plan.remove);
   for (size_t i = 0; i < files.size(); ++i) {
     const selvane::Package& package = plan.install[i];
-    checkInterrupted("installing " + package.getName());
+    step("installing " + package.getName());
     out.emit(Event("install").add("package", packageJson(package)),
              "installing " + package.getName() + " " + package.getVersion());
     if (!packages.installPackage(files[i], options.timeout))
       throw Failure(Exit::Install, "cannot install " + files[i] + " into " + deviceOf(other));
   }
   remove(plan.removeLast);  // the shell and the package tool, now that the new ones are in
-  checkInterrupted("configuring");
+  step("configuring");
   out.emit(Event("configure"), "configuring packages");
   if (!packages.configurePackages(options.timeout))
     throw Failure(Exit::Configure, "packages in " + deviceOf(other) + " failed to configure");
-  checkInterrupted("verifying");
+  step("verifying");
   out.emit(Event("verify"), "verifying installed files");
   packages.refreshInstalledPackages();
   if (!packages.verifyPackages(false, true))
     throw Failure(Exit::Verify,
                   "installed files in " + deviceOf(other) + " do not match their packages");
-  checkInterrupted("the sanity check");
+  step("the sanity check");
   if (needsSanityCheck && !hasSanityCheck(root.path()))
     throw Failure(Exit::SanityCheck, "release " + release.getVersion() + " would leave " +
                                          deviceOf(other) + " without " + kSanityCheckScript);
@@ -356,7 +370,7 @@ void Updater::install(Hooks& hooks) {
   writeRelease(root.path(), release.getVersion());
   root.unmount();
   hooks.set("OTHER_MOUNTPOINT", "");
-  checkInterrupted("the boot switch");
+  step("the boot switch");
 
   switchBoot(*device, other, options.retries);
   out.emit(Event("switched")
@@ -389,7 +403,8 @@ void Updater::check() {
 void Updater::status() {
   // Never waits for the update lock nor takes it: while an update holds it, the other root is in
   // its hands (and mounted by it), so only what can be read without it is shown.
-  const bool updating = lockHeld(options.lockFile);
+  std::string step;
+  const bool updating = lockHeld(options.lockFile, step);
   const boost::shared_ptr<selvane::Device> device = systemDevice();
   const std::string current = selvane::labelToText(device->getCurrentRootfs());
   const selvane::Device::RootfsLabel other = device->getOtherRootfs();
@@ -409,13 +424,14 @@ void Updater::status() {
       .add("other", selvane::labelToText(other))
       .add("current_release", orNull(currentRelease))
       .add("other_release", orNull(otherRelease))
-      .add("update_in_progress", updating);
-  std::string text = "running  " + current + ", release " +
-                     (currentRelease.empty() ? "unknown" : currentRelease) + "\nother    " +
-                     selvane::labelToText(other) + ", release " +
-                     (updating               ? "unknown: update in progress"
-                      : otherRelease.empty() ? "none"
-                                             : otherRelease);
+      .add("update_in_progress", updating)
+      .add("update_step", updating ? orNull(step) : Json());
+  std::string text =
+      "running  " + current + ", release " + (currentRelease.empty() ? "unknown" : currentRelease) +
+      "\nother    " + selvane::labelToText(other) + ", release " +
+      (updating ? "unknown: update in progress" + (step.empty() ? "" : " (" + step + ")")
+       : otherRelease.empty() ? "none"
+                              : otherRelease);
   Json boot = Json::object();
   for (const char* key : {kBootMode, kRetryCount, kKnownGood}) {
     const std::string value = property(key);
