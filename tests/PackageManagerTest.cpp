@@ -61,7 +61,6 @@ class PackageOperations : public ::testing::Test {
     SELVANE_REQUIRE_ROOT();
     fixtures::provideHostOpkg();
     fixtures::makeTargetRoot(root);
-    mkdirs(pkgs);
   }
   // What the package manager itself logged since the last clear.
   Lines ours() const {
@@ -83,7 +82,7 @@ class PackageOperations : public ::testing::Test {
   }
 
   harness::ScratchDir scratch;
-  const std::string root = scratch / "root", pkgs = scratch / "pkgs";
+  const std::string root = scratch / "root", pkgs = scratch.path();
   selvane::PackageManager manager{root};
   harness::LogCapture log;
 };
@@ -107,6 +106,7 @@ TEST_F(PackageOperations, InstallConfigureAndVerify) {
       pkgs + "' ]\n";
   noSums.withSha256Sums = false;
   mkdirs(root + "/var/lib/opkg/lists/feed");  // feeds of another system must not survive
+  mkdirs("/var/local/lib/selvane/leftover");  // an earlier run's scratch: taken over and removed
   for (const auto* recipe : {&app, &base, &noSums}) {
     const std::string package = fixtures::buildPackage(*recipe, pkgs);
     log.clear();
