@@ -65,7 +65,6 @@ TEST_F(FileDownloaderTest, PathDownloadsTruncateAndDescriptorDownloadsWriteAtThe
   const Error result = downloader.download(server.url("/ok/1000"), dir / "out");
   EXPECT_EQ(result.errorString() + " " + result.url, "no error (OK) " + server.url("/ok/1000"));
   EXPECT_EQ(harness::readFile(dir / "out"), patternBody(1000));
-  EXPECT_EQ(downloader.responseCode(), 200);
   downloader.setBufferSize(1024);
   downloader.setMaximumTransferRate(50000000);
   const int fd = open((dir / "fd").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -140,6 +139,7 @@ TEST_F(FileDownloaderTest, FailuresAndStatusesOtherThan200AreThrownAfterTheBodyI
     long status;
     std::string body;  // what the destination holds afterwards
   } cases[] = {
+      {server.url("/redirect/10"), nullptr, CURLE_OK, 200, "arrived"},
       {server.url("/status/404"), nullptr, CURLE_OK, 404, "status 404"},
       {server.url("/status/206"), nullptr, CURLE_OK, 206, "status 206"},
       {server.url("/redirect/11"), nullptr, CURLE_TOO_MANY_REDIRECTS, 302, ""},
@@ -172,9 +172,7 @@ TEST_F(FileDownloaderTest, FailuresAndStatusesOtherThan200AreThrownAfterTheBodyI
   }
 }
 
-TEST_F(FileDownloaderTest, TenRedirectsAndAliasedStatusLinesAreFollowed) {
-  ASSERT_EQ(fetch("/redirect/10").code, Error::NoError);
-  EXPECT_EQ(received, "arrived");
+TEST_F(FileDownloaderTest, AliasedStatusLinesAreAcceptedAndAHeaderCallbackGetsThem) {
   downloader.addHTTPAlias("ICY 200 OK");
   downloader.addHTTPAlias("SELVANE/1.0 200 Fine");
   downloader.setHeaderCallback(&receive);
@@ -193,8 +191,6 @@ TEST_F(FileDownloaderTest, ProgressIsReportedAndAFalseAnswerAbortsAStalledTransf
     total = expected;
     return received < 1000;
   });
-  ASSERT_EQ(fetch("/ok/999").code, Error::NoError);
-  EXPECT_EQ(now, 999);
   // The server sends 1000 of its 1 MiB and falls silent; the observer ends the wait.
   EXPECT_EQ(thrownBy([&] { fetch("/stall/1000"); }).curlCode, CURLE_ABORTED_BY_CALLBACK);
   EXPECT_EQ(now, 1000);
@@ -291,35 +287,22 @@ TEST_F(ZorvelFileDownloaderTest, PathAndDescriptorDownloadsAreSignedOnceCallback
   EXPECT_NE(access((dir / "new").c_str(), F_OK), 0);
 }
 
-// s3rver (tests/s3rver, from the npm registry: scripts/setup-s3rver.sh) as a child on a port of
-// its own choosing, with its built-in credentials and one bucket. It also accepts unsigned
-// requests, so what must be shown is that bad signatures are refused.
+// s3rver (tests/s3rver, from the npm registry, with a fix: scripts/setup-s3rver.sh) as a child,
+// with its built-in credentials and one bucket. It also accepts unsigned requests, so what must be
+// shown is that bad signatures are refused.
 TEST(ZorvelS3rver, ACorrectSignatureFetchesTheObjectAndBadOnesGetTheServers403) {
-  const std::string modules = SELVANE_TEST_SOURCE_DIR "/s3rver/node_modules/s3rver",
-                    ready = "listening on 127.0.0.1:";
-  // Without the set-up script's fix s3rver refuses every header signature.
-  ASSERT_NE(fixtures::slurp(modules + "/lib/middleware/authentication.js")
-                .find("canonicalRequest.timestamp = ctx.headers[\"x-amz-date\"] ? \"\" :"),
-            std::string::npos)
-      << "run scripts/setup-s3rver.sh";
   harness::ScratchDir dir;
-  fixtures::ServerProcess s3rver({"/usr/bin/node", modules + "/bin/s3rver.js", "-d", dir / "data",
-                                  "-a", "127.0.0.1", "-p", "0", "-s", "--configure-bucket", "b"},
-                                 dir / "log");
-  std::string url;
-  ASSERT_TRUE(fixtures::pollUntil(
-      [&] {
-        const std::string log = fixtures::slurp(dir / "log");
-        const size_t at = log.find(ready);
-        if (at != std::string::npos && log.find('\n', at) != std::string::npos)
-          url = "http://127.0.0.1:" + std::to_string(std::stoul(log.substr(at + ready.size())));
-        return !url.empty();
-      },
-      15000))
-      << fixtures::slurp(dir / "log");
-  url += "/b/pkgs/foo.ipk";
+  unsigned short port;
+  close(fixtures::bindLoopbackSocket(port));
+  const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/b/pkgs/foo.ipk";
+  fixtures::ServerProcess s3rver(
+      {"/usr/bin/node", SELVANE_TEST_SOURCE_DIR "/s3rver/node_modules/s3rver/bin/s3rver.js", "-d",
+       dir / "data", "-a", "127.0.0.1", "-p", std::to_string(port), "--configure-bucket", "b"},
+      dir / "log");
   harness::writeFile(dir / "upload", patternBody(100000));
-  ASSERT_EQ(harness::shell("curl -sSf -X PUT --data-binary @" + dir / "upload" + " " + url), 0);
+  ASSERT_TRUE(fixtures::pollUntil(
+      [&] { return harness::shell("curl -sf -T " + dir / "upload" + " " + url) == 0; }, 15000))
+      << fixtures::slurp(dir / "log");
 
   const std::pair<zorvelauth::Credentials, const char*> cases[] = {
       {{"S3RVER", "S3RVER"}, nullptr},
