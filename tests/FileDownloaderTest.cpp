@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <selvane/ZorvelFileDownloader.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <functional>
@@ -65,6 +66,9 @@ TEST_F(FileDownloaderTest, PathDownloadsTruncateAndDescriptorDownloadsWriteAtThe
   const Error result = downloader.download(server.url("/ok/1000"), dir / "out");
   EXPECT_EQ(result.errorString() + " " + result.url, "no error (OK) " + server.url("/ok/1000"));
   EXPECT_EQ(harness::readFile(dir / "out"), patternBody(1000));
+  ASSERT_EQ(downloader.download(server.url("/ok/1"), dir / "new").code, Error::NoError);
+  struct stat st {};
+  EXPECT_EQ(stat((dir / "new").c_str(), &st) == 0 ? st.st_mode & 077 : 1, 0u);  // 0600 at most
   downloader.setBufferSize(1024);
   downloader.setMaximumTransferRate(50000000);
   const int fd = open((dir / "fd").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
