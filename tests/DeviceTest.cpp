@@ -1,6 +1,8 @@
 // The device and its storage over loop devices named through /dev/disk/by-partlabel inside the
 // test's namespace: which root filesystem runs, the boot properties as the boot loader's tools read
-// them, the wipe and halt (whose request only reaches the harness), and partitions.
+// them (also across power cuts), the wipe and halt (whose request only reaches the harness), and
+// partitions.
+#include <brix.h>
 #include <selvane/BRIX.h>
 #include <selvane/DeviceCommon.h>
 #include <selvane/MMCDevice.h>
@@ -9,12 +11,14 @@
 #include <sys/reboot.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <fstream>
+#include <random>
 #include <regex>
+#include <thread>
 
-#include "BootEnvironment.h"
 #include "ErrorText.h"
 #include "LabelledPartitions.h"
 
@@ -28,12 +32,32 @@ using Lines = std::vector<std::string>;
 class MMCDeviceTest : public ::testing::Test {
  protected:
   void SetUp() override { SELVANE_REQUIRE_ROOT(); }
-  void TearDown() override { unsetenv("MARVIX_BOARD_FLASH"); }
+  void TearDown() override { brix_set_config(nullptr, nullptr); }
+
+  // A U-Boot environment, a redundant pair of 16 KiB copies at offsets 0 and 0x4000 of storage,
+  // for the property store of this process; the boot loader's fw_printenv reads the same.
+  void bootEnvironment(const std::string& storage) {
+    harness::writeFile(config, storage + " 0x0 0x4000\n" + storage + " 0x4000 0x4000\n");
+    brix_set_config(config.c_str(), (scratch / "initial-env").c_str());
+  }
+  std::string printenv(const std::string& name) {
+    std::string out;
+    harness::shell("fw_printenv -c " + config + " -n " + name + " 2>&1", &out);
+    return out.substr(0, out.find('\n'));
+  }
 
   harness::ScratchDir scratch;
   LabelledPartitions disks{scratch.path()};
   harness::LogCapture log;
+  const std::string config = scratch / "fw_env.config";
 };
+
+// The value of key read through the store, or "<status N>".
+std::string property(const std::string& key) {
+  char buffer[BRIX_VALUE_MAX + 1] = {};
+  const int status = brix_get_property(key.c_str(), buffer, BRIX_VALUE_MAX);
+  return status == BRIX_OK ? buffer : "<status " + std::to_string(status) + ">";
+}
 
 TEST_F(MMCDeviceTest, SystemDeviceOnAnEMMCBoardOnly) {
   setenv("MARVIX_BOARD_FLASH", "emmc", 1);
@@ -67,7 +91,6 @@ TEST_F(MMCDeviceTest, FindsTheRunningRootFilesystem) {
     if (fork() == 0) {
       std::ofstream out(scratch / "seen");
       if (!from.empty() && (chroot(root.c_str()) != 0 || chdir("/") != 0)) _exit(1);
-      harness::LogCapture log;
       const selvane::MMCDevice device;
       const auto other = device.getOtherRootfsPartition();
       out << "AB"[device.getCurrentRootfs()]
@@ -82,24 +105,15 @@ TEST_F(MMCDeviceTest, FindsTheRunningRootFilesystem) {
   }
 }
 
-// The environment lives on the "brix" partition as a redundant pair, and fw_printenv reads it the
-// way the boot loader does.
 TEST_F(MMCDeviceTest, BootPropertiesReachTheBootLoader) {
   disks.add("main-A", 4096);
   disks.add("main-B", 4096);
-  disks.add("brix", 2 * fixtures::BootEnvironment::kCopySize, LabelledPartitions::Zeros);
-  const fixtures::BootEnvironment env(LabelledPartitions::link("brix"), scratch.path());
+  bootEnvironment(disks.add("brix", 0x8000, LabelledPartitions::Zeros));  // a first boot
   selvane::MMCDevice device;
-  device.setBootRootfs(Device::B, 3);
-  EXPECT_EQ(env.printenv("boot.otaretrycount") + env.printenv("boot.bootmode"), "3main-B");
-  device.setBootRootfs(Device::A, 4294967295u);
-  EXPECT_EQ(env.printenv("boot.otaretrycount") + env.printenv("boot.bootmode"), "4294967295main-A");
-  device.setKnownGood(Device::B);
-  EXPECT_EQ(env.printenv("boot.knowngood"), "main-B");
-  EXPECT_EQ(selvane::BRIX::getProperty("boot.knowngood"), "main-B");
-  const std::string full = "0123456789abcdefghijklmnopqrstuv";  // 32 bytes
-  EXPECT_TRUE(selvane::BRIX::setProperty("full", full));
-  EXPECT_EQ(selvane::BRIX::getProperty("full"), full);
+  device.setBootRootfs(Device::B, 4294967295u);
+  EXPECT_EQ(printenv("boot.otaretrycount") + printenv("boot.bootmode"), "4294967295main-B");
+  device.setKnownGood(Device::A);
+  EXPECT_EQ(selvane::BRIX::getProperty("boot.knowngood"), "main-A");
   EXPECT_TRUE(selvane::BRIX::setProperty("high",
                                          "ab\xc3"
                                          "cd"));
@@ -108,16 +122,88 @@ TEST_F(MMCDeviceTest, BootPropertiesReachTheBootLoader) {
             "Failed to read brix property for key: boot.none");
   // Failed writes are only logged, and the second property is written after a failed first.
   log.clear();
-  selvane::setKnownGood("boot=knowngood", Device::A);
-  brix_set_config((scratch / "missing.config").c_str(), nullptr);
+  brix_set_config((scratch / "missing").c_str(), nullptr);
   device.setBootRootfs(Device::B, 3);
-  const std::string failed = ":Failed to set brix property";
-  EXPECT_EQ(log.texts(),
-            (Lines{"I DeviceCommon:setKnownGood:rootfs=main-A:Setting known good",
-                   "E selvane:setBRIX:key=boot=knowngood,val=main-A,status=5" + failed,
-                   "E selvane:setBRIX:key=boot.otaretrycount,val=3,status=1" + failed,
-                   "E selvane:setBRIX:key=boot.bootmode,val=main-B,status=1" + failed}));
-  EXPECT_EQ(log.lines()[0].priority, 5);
+  const std::string failed = ",status=1:Failed to set brix property";
+  EXPECT_EQ(log.texts(), (Lines{"E selvane:setBRIX:key=boot.otaretrycount,val=3" + failed,
+                                "E selvane:setBRIX:key=boot.bootmode,val=main-B" + failed}));
+}
+
+// A child runs setBootRootfs and is killed at a (seeded) random moment, many times over. The pair
+// of copies keeps each property at its old or its new value, readable through the store.
+TEST_F(MMCDeviceTest, BootPropertyPowerLoss) {
+  disks.add("main-A", 4096);
+  disks.add("main-B", 4096);
+  bootEnvironment(disks.add("brix", 0x8000, LabelledPartitions::Zeros));
+  selvane::MMCDevice device;
+  device.setBootRootfs(Device::A, 0);  // both copies complete before the first kill
+  const auto start = std::chrono::steady_clock::now();
+  device.setBootRootfs(Device::A, 0);
+  const long span =
+      (std::chrono::steady_clock::now() - start).count() * 6 / 5;  // one call and more
+  std::mt19937 random(20261125);
+  int killed = 0, modeChanged = 0, countChanged = 0, kills = 150;
+  for (int i = 0; i < kills; ++i) {
+    const std::string oldMode = property("boot.bootmode"),
+                      oldCount = property("boot.otaretrycount");
+    const Device::RootfsLabel label = oldMode == "main-A" ? Device::B : Device::A;
+    const unsigned retries = (std::stoul(oldCount) + 1) % 10;
+    const pid_t pid = fork();
+    if (pid == 0) {
+      device.setBootRootfs(label, retries);
+      _exit(0);
+    }
+    std::this_thread::sleep_for(std::chrono::steady_clock::duration(random() % span));
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    killed += WIFSIGNALED(status);
+    const std::string mode = property("boot.bootmode"), count = property("boot.otaretrycount");
+    ASSERT_TRUE(mode == oldMode || mode == selvane::labelToText(label)) << i << ": " << mode;
+    ASSERT_TRUE(count == oldCount || count == std::to_string(retries)) << i << ": " << count;
+    modeChanged += mode != oldMode;
+    countChanged += count != oldCount;
+  }
+  std::printf("%d of %d kills landed before setBootRootfs ended\n", killed, kills);
+  EXPECT_EQ(printenv("boot.bootmode"), property("boot.bootmode"));
+  EXPECT_GT(killed, 0);
+  EXPECT_GT(modeChanged, 0);
+  EXPECT_GE(countChanged, modeChanged);  // the retry count is written first
+  EXPECT_LT(countChanged, kills);
+}
+
+// A killed process rarely cuts one write() short: these writes are cut off after each of their
+// sectors, as a power cut on the flash leaves them, from a first boot on (from the initial
+// environment) to writes that alternate between the copies. Copies both damaged are never written.
+TEST_F(MMCDeviceTest, BootPropertyWriteCutOffAtAnySector) {
+  const std::string storage = scratch / "env";
+  harness::writeFile(storage, std::string(0x8000, '\0'));
+  harness::writeFile(scratch / "initial-env", "boot.bootmode=main-A\nboot.knowngood=main-A\n");
+  bootEnvironment(storage);
+  for (const std::string value : {"main-B", "main-A", "main-B"}) {
+    const std::string old = property("boot.bootmode"), before = harness::readFile(storage);
+    ASSERT_EQ(brix_set_property("boot.bootmode", value.c_str()), BRIX_OK);
+    const std::string after = harness::readFile(storage);
+    const size_t copy = before.compare(0, 0x4000, after, 0, 0x4000) == 0 ? 0x4000 : 0;
+    for (size_t sector = 0; sector < 64; ++sector) {  // forwards, then backwards
+      std::string state = before;
+      for (size_t at = 0; at <= sector % 32; ++at) {
+        const size_t offset = copy + 512 * (sector < 32 ? at : 31 - at);
+        state.replace(offset, 512, after, offset, 512);
+      }
+      harness::writeFile(storage, state);
+      EXPECT_TRUE(property("boot.bootmode") == old || property("boot.bootmode") == value) << sector;
+      EXPECT_EQ(property("boot.knowngood"), "main-A") << sector;
+    }
+    harness::writeFile(storage, after);
+  }
+  std::string damaged = harness::readFile(storage);
+  damaged[8] ^= 0x5A;
+  damaged[0x4008] ^= 0x5A;
+  harness::writeFile(storage, damaged);
+  EXPECT_EQ(property("boot.bootmode"), "<status 2>");
+  EXPECT_EQ(brix_set_property("boot.bootmode", "main-B"), BRIX_ERR_UNREADABLE);
+  EXPECT_EQ(harness::readFile(storage), damaged);
 }
 
 // The device's own list, its links pointing at a directory (boot), a device of 15 sectors (brix),
@@ -156,47 +242,43 @@ TEST_F(MMCDeviceTest, EvictDataAndHaltWipesWhatItCanThenHalts) {
 
 // ---- partitions -----------------------------------------------------------------------------
 
-// "ro" or "rw" when the partition on device is mounted on path, "" when it is not.
-std::string mode(const std::string& device, const std::string& path) {
-  struct stat dev, at;
-  struct statvfs fs;
-  if (stat(device.c_str(), &dev) != 0 || stat(path.c_str(), &at) != 0 ||
-      statvfs(path.c_str(), &fs) != 0 || at.st_dev != dev.st_rdev)
-    return "";
-  return fs.f_flag & ST_RDONLY ? "ro" : "rw";
-}
-
 TEST_F(MMCDeviceTest, PartitionsMountRemountEraseAndCheck) {
   const std::string device = disks.add("main-B", 8 << 20, LabelledPartitions::Ext3);
   const std::string point = scratch / "point";
   ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
+  const auto mode = [&](const std::string& path) {  // "ro" or "rw" when mounted on path
+    struct stat dev, at;
+    struct statvfs fs;
+    if (stat(device.c_str(), &dev) != 0 || stat(path.c_str(), &at) != 0 ||
+        statvfs(path.c_str(), &fs) != 0 || at.st_dev != dev.st_rdev)
+      return "";
+    return fs.f_flag & ST_RDONLY ? "ro" : "rw";
+  };
   selvane::MMCPartition partition(LabelledPartitions::link("main-B"));
   const std::string temporary = partition.mount("", true);
-  EXPECT_TRUE(std::regex_match(temporary, std::regex("/tmp/ota-mount-[A-Za-z0-9]{6}")))
-      << temporary;
-  EXPECT_EQ(mode(device, temporary), "ro");
+  EXPECT_TRUE(std::regex_match(temporary, std::regex("/tmp/ota-mount-[A-Za-z0-9]{6}")));
+  EXPECT_STREQ(mode(temporary), "ro");
   EXPECT_EQ(partition.mount(point, false), point);  // the first mount goes; its directory stays
   EXPECT_EQ(rmdir(temporary.c_str()), 0);
   harness::writeFile(point + "/old", "");
   partition.remount_ro();
   partition.remount_ro();
-  EXPECT_EQ(mode(device, point), "ro");
   partition.erase();  // mounted again as it was
   EXPECT_TRUE(partition.checkAndRepair());
-  EXPECT_EQ(mode(device, point), "ro");
+  EXPECT_STREQ(mode(point), "ro");
   EXPECT_NE(access((point + "/old").c_str(), F_OK), 0);
   partition.remount_rw();
   partition.remount_rw();
-  EXPECT_EQ(mode(device, point), "rw");
+  EXPECT_STREQ(mode(point), "rw");
   partition.unmount();
   partition.remount_ro();
   partition.erase();  // unmounted, they leave it unmounted
   EXPECT_TRUE(partition.checkAndRepair());
-  EXPECT_EQ(mode(device, point), "");
+  EXPECT_STREQ(mode(point), "");
   std::string calls;  // the primitives, with the flags of each mount
   for (const std::string& line : log.startingWith("I MMCPartition:do_"))
     calls += std::regex_replace(
-        line, std::regex("I MMCPartition:(do_\\w+):[^:]*?(?:flags=(\\d+))?:.*"), "$1$2 ");
+        line, std::regex("I MMCPartition:(\\w+):[^:]*?(?:flags=(\\d+))?:.*"), "$1$2 ");
   EXPECT_EQ(calls,
             "do_mount1 do_mount33 do_unmount do_mount0 do_mount32 do_mount33 do_unmount do_erase "
             "do_mount1 do_mount33 do_unmount do_mount1 do_mount33 do_mount32 do_unmount do_erase ");
@@ -210,8 +292,7 @@ TEST_F(MMCDeviceTest, PartitionFailures) {
   EXPECT_EQ(errorText([&] { plain.mount(point, false); }), "Failed to mount partition");
   EXPECT_EQ(plain.getMountPoint(), "");
   EXPECT_EQ(errorText([] { selvane::MMCPartition("/nonexistent").erase(); }), "Failed to erase");
-  // A read-only device mounts read-only only.
-  disks.add("main-B", 8 << 20, LabelledPartitions::Ext3, true);
+  disks.add("main-B", 8 << 20, LabelledPartitions::Ext3, true);  // read-only
   selvane::MMCPartition readOnly(LabelledPartitions::link("main-B"));
   readOnly.mount(point, true);
   EXPECT_EQ(errorText([&] { readOnly.remount_rw(); }), "Failed to remount partition RW");
@@ -227,8 +308,7 @@ TEST_F(MMCDeviceTest, PartitionFailures) {
             "Failed to unmount");
   ASSERT_EQ(chdir("/"), 0);
   ASSERT_EQ(umount(point.c_str()), 0);
-  // No room for a mount directory.
-  ASSERT_EQ(mount("full", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0);
+  ASSERT_EQ(mount("full", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0);  // no room for a directory
   EXPECT_EQ(errorText([&] { plain.mount("", false); }), "Failed to create a temporary directory");
   ASSERT_EQ(umount("/tmp"), 0);
   const Lines failed = log.startingWith("E Partition:");

@@ -1,17 +1,23 @@
-// Temporary files and directories, file sizes and SHA-256 checks, paths resolved inside a root
-// that holds links out of it (as a tampered root filesystem would), and the platform's file lock.
+// Child processes, bind mounts, temporary paths, SHA-256 checks, paths resolved inside a root that
+// holds links out of it (as a tampered root filesystem would), and the guards of the harness.
 #include <fcntl.h>
+#include <linux/capability.h>
+#include <marvixlog.h>
+#include <selvane/BindMount.h>
+#include <selvane/ChrootExecutor.h>
 #include <selvane/FileUtils.h>
 #include <selvane/OpenInRoot.h>
 #include <selvane/RecursiveRemovalDirectory.h>
 #include <selvane/TemporaryFile.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/reboot.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <util/ScopedFileLock.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstring>
+#include <functional>
 #include <regex>
 
 #include "ErrorText.h"
@@ -21,6 +27,108 @@ namespace {
 
 using fixtures::errorText;
 using Lines = std::vector<std::string>;
+
+struct FunctionTask : selvane::ChildTask {  // runs body in the forked child
+  explicit FunctionTask(std::function<int()> body) : body(std::move(body)) {}
+  int childTask() override { return body(); }
+  std::function<int()> body;
+};
+
+TEST(ChildTask, MapsEveryEndOfTheChildAndKillsItAtTheLimit) {
+  harness::LogCapture log;
+  EXPECT_EQ(FunctionTask([] { return 3; }).waitExecute(-5), 3);  // no limit
+  EXPECT_EQ(FunctionTask([]() -> int { std::abort(); }).waitExecute(0), 134);
+  EXPECT_EQ(FunctionTask([]() -> int { throw 1; }).waitExecute(0), 255);  // stays in the child
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(FunctionTask([] { return 7; }).waitExecute(60), 7);  // seen at the first poll, at 1 s
+  EXPECT_EQ(FunctionTask([] { return sleep(30); }).waitExecute(2), 137);
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(seconds.count(), 3.0);
+  EXPECT_LT(seconds.count(), 5.9);
+  EXPECT_EQ(log.startingWith("W ChildTask:kill:pid=").size(), 1u);
+  EXPECT_EQ(log.startingWith("E ChildTask:result:pid_result=").size(), 2u);
+}
+
+TEST(ChildTask, AnUnwaitableChildIsAWaitFailure) {
+  harness::LogCapture log;
+  std::signal(SIGCHLD, SIG_IGN);  // the kernel reaps children itself: waitpid() finds none
+  EXPECT_EQ(errorText([] { FunctionTask([] { return 0; }).waitExecute(0); }), "Failed to waitpid");
+  EXPECT_TRUE(log.contains("E ChildTask:waitpid_error:pid_result=-1,errno=" +
+                           std::to_string(ECHILD) + ":Failed to wait for child"));
+}
+
+TEST(Executor, RunsTheProgramWithExactlyTheGivenEnvironment) {
+  harness::LogCapture log;
+  setenv("INHERITED", "yes", 1);
+  const char* inherits[] = {"/bin/sh", "-c", "test \"$INHERITED\" = yes", nullptr};
+  const char* onlyGiven[] = {"/bin/sh", "-c", "test -z \"$INHERITED\" && exit $GIVEN", nullptr};
+  const char* env[] = {"GIVEN=42", nullptr};
+  const char* relative[] = {"true", nullptr};  // no PATH search: the exec fails
+  EXPECT_EQ(selvane::Executor(inherits, nullptr).waitExecute(0), 0);
+  EXPECT_EQ(selvane::Executor(onlyGiven, env).waitExecute(0), 42);
+  EXPECT_EQ(selvane::Executor(relative, nullptr).waitExecute(0), 255);
+  // The command line overwrites the stream's initial "Command:".
+  EXPECT_EQ(log.startingWith("D Executor:"),
+            (Lines{"D Executor:Executor:: /bin/sh -c test \"$INHERITED\" = yes",
+                   "D Executor:Executor:: /bin/sh -c test -z \"$INHERITED\" && exit $GIVEN ; "
+                   "with Environment: GIVEN=42",
+                   "D Executor:Executor:: truend:"}));
+}
+
+TEST(ChrootExecutor, RunsInsideTheRootFromItsTop) {
+  SELVANE_REQUIRE_ROOT();
+  harness::ScratchDir dir;
+  harness::makeBusyboxRoot(dir / "root");
+  harness::writeFile(dir / "root/etc/only-here", "");
+  const char* argv[] = {"/bin/sh", "-c", "test \"$(pwd)\" = / && test -e /etc/only-here", nullptr};
+  const char* missing[] = {"/usr/bin/opkg-cl", nullptr};
+  EXPECT_EQ(selvane::ChrootExecutor(dir / "root", argv, nullptr).waitExecute(0), 0);
+  EXPECT_EQ(selvane::ChrootExecutor(dir / "root", missing, nullptr).waitExecute(0), 255);
+  EXPECT_EQ(selvane::ChrootExecutor(dir / "none", argv, nullptr).waitExecute(0), ENOENT);
+}
+
+TEST(BindMount, ShowsTheSourceWhileTheObjectLivesAndReportsWhatItCannotDo) {
+  SELVANE_REQUIRE_ROOT();
+  harness::LogCapture log;
+  harness::ScratchDir dir;
+  const std::string target = dir / "target";
+  {
+    selvane::BindMount bind(dir.path(), target, false);
+    EXPECT_TRUE(bind.unmount());  // nothing to undo
+    EXPECT_TRUE(bind.mount());
+    EXPECT_TRUE(bind.mount());  // already mounted: nothing more
+    EXPECT_EQ(harness::mountsUnder(target), Lines{target});
+  }
+  EXPECT_EQ(harness::mountsUnder(target), Lines{});
+  EXPECT_EQ(log.texts(), Lines{});
+  {
+    selvane::BindMount bind(dir.path(), target, true);
+    ASSERT_EQ(chdir(target.c_str()), 0);  // a working directory inside keeps it busy
+    EXPECT_FALSE(bind.unmount());
+    EXPECT_TRUE(bind.isMounted());
+  }
+  ASSERT_EQ(chdir("/"), 0);
+  ASSERT_EQ(umount(target.c_str()), 0);
+  {
+    selvane::BindMount bind(dir.path(), target, true);
+    ASSERT_EQ(umount(target.c_str()), 0);  // by someone else: only a warning
+  }
+  EXPECT_FALSE(selvane::BindMount(dir.path(), dir / "a/b", true).isMounted());
+  EXPECT_FALSE(selvane::BindMount(dir / "none", target, true).isMounted());
+  const std::string busy =
+      "E BindMount:unmount:errno=16,mountpoint=" + target + ":Failed to unmount";
+  EXPECT_EQ(log.texts(),
+            (Lines{busy, busy, "E BindMount:~BindMount:dest=" + target + ":Failed to unmount",
+                   "W BindMount:unmount:errno=22,mountpoint=" + target +
+                       ":Mount point appears to be unmounted...",
+                   "W BindMount:ensureDirectory:dir=" + dir / "a/b,errno=2:mkdir failed",
+                   "E BindMount:mount:errno=,src=" + dir.path() + ",dest=" + dir / "a/b" +
+                       ":No such destination exists or could be created",
+                   "E BindMount:mount:errno=2,src=" + dir / "none,dest=" + target +
+                       ":Failed to bind mount directory"}));
+}
+
+// ---- temporary paths ------------------------------------------------------------------------
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -56,7 +164,6 @@ TEST(TemporaryFile, CreatesEmptiesAndUnlinks) {
   {
     selvane::TemporaryFile file;
     path = file.getPath();
-    EXPECT_TRUE(std::regex_match(path, std::regex("/tmp/tmp\\.[A-Za-z0-9]{6}"))) << path;
     harness::writeFile(path, "old");
     EXPECT_EQ(errorText([&] { selvane::TemporaryFile f(path, false); }),
               "Failed to create file: " + path);
@@ -106,7 +213,6 @@ TEST(FileUtilsTest, SizesAndDigests) {
   EXPECT_EQ(selvane::GetFileSize(dir / "missing"), -1);
   EXPECT_EQ(log.startingWith("E FileUtils:getFileSize:reason=exception,what=").size(), 1u);
 
-  // Sums files, entries relative to a root.
   const std::string sums = dir / "list";
   const std::pair<std::string, std::string> cases[] = {
       // content, the message ("" passes)
@@ -188,38 +294,33 @@ TEST(OpenInRootTest, NeverLeavesTheRoot) {
   }
 }
 
-// True when another process could take an exclusive record lock on path right now.
-bool freeForOthers(const std::string& path) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    struct flock probe {};
-    probe.l_type = F_WRLCK;
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    _exit(fd >= 0 && fcntl(fd, F_GETLK, &probe) == 0 && probe.l_type == F_UNLCK ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return status == 0;
+// ---- the harness ----------------------------------------------------------------------------
+
+TEST(Harness, RebootIsInterposedAndTheCapabilityIsGone) {
+  EXPECT_EQ(prctl(PR_CAPBSET_READ, CAP_SYS_BOOT, 0, 0, 0), 0);
+  EXPECT_EQ(reboot(RB_POWER_OFF), -1);
+  EXPECT_EQ(harness::rebootRequests(), std::vector<int>{RB_POWER_OFF});
 }
 
-// An existing lock file on a read-only file system still locks (shared); a new one cannot be made.
-TEST(ScopedFileLock, LocksOnAReadOnlyFileSystem) {
+TEST(Harness, LoopDevicesAndWritableHostPathsStayInTheTest) {
   SELVANE_REQUIRE_ROOT();
   harness::ScratchDir dir;
-  harness::writeFile(dir / "lock", "");
-  ASSERT_EQ(mount(dir.path().c_str(), dir.path().c_str(), nullptr, MS_BIND, nullptr), 0);
-  ASSERT_EQ(mount(nullptr, dir.path().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
-            0);
+  harness::writeFile(dir / "disk.img", std::string(4096, '\0'));
+  const std::string attached = "losetup -j " + dir / "disk.img";
+  std::string out, after;
   {
-    util::ScopedFileLock lock(dir / "lock", util::ScopedFileLock::LockNow);
-    EXPECT_FALSE(freeForOthers(dir / "lock"));
+    harness::LoopDevice loop(dir / "disk.img");
+    harness::shell(attached, &out);
+    EXPECT_NE(out.find(loop.path()), std::string::npos);
   }
-  EXPECT_TRUE(freeForOthers(dir / "lock"));
-  EXPECT_NE(errorText([&] {
-              util::ScopedFileLock(dir / "new", util::ScopedFileLock::LockNow);
-            }).find(dir / "new: Read-only file system"),
-            std::string::npos);
-  ASSERT_EQ(umount(dir.path().c_str()), 0);
+  harness::makeHostPathWritable("/dev");
+  ASSERT_EQ(mkdir("/dev/disk-harness-test", 0755), 0);
+  EXPECT_EQ(access("/dev/null", W_OK), 0);
+  EXPECT_FALSE(harness::mountsUnder("/dev/pts").empty());
+  // Neither the loop device nor, in PID 1's mount namespace, the new name is left.
+  harness::shell(attached + "; nsenter -t 1 -m test -e /dev/disk-harness-test && echo leaked",
+                 &after);
+  EXPECT_EQ(after, "");
 }
 
 }  // namespace
