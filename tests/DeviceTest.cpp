@@ -13,7 +13,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <random>
 #include <regex>
 #include <thread>
@@ -58,50 +57,29 @@ std::string property(const std::string& key) {
   return status == BRIX_OK ? buffer : "<status " + std::to_string(status) + ">";
 }
 
-TEST_F(MMCDeviceTest, SystemDeviceOnAnEMMCBoardOnly) {
+// The host's own root is neither main-A nor main-B (running from those is what the update tests
+// do): it is taken for main-A, with a warning.
+TEST_F(MMCDeviceTest, TheSystemDeviceOnAnEMMCBoardFindsTheRunningRootFilesystem) {
+  setenv("MARVIX_BOARD_FLASH", "none", 1);
+  EXPECT_EQ(errorText([] { Device::createSystemDevice(); }), "Failed to detect flash type");
   setenv("MARVIX_BOARD_FLASH", "emmc", 1);
   disks.add("main-B", 4096);
   EXPECT_EQ(errorText([] { Device::createSystemDevice(); }),
             "Failed to stat /dev/disk/by-partlabel/main-A");
   disks.add("main-A", 4096);
   const boost::shared_ptr<Device> device = Device::createSystemDevice();
-  EXPECT_EQ(device->getOtherRootfsPartition(), device->getOtherRootfsPartition());
-  setenv("MARVIX_BOARD_FLASH", "none", 1);
-  EXPECT_EQ(errorText([] { Device::createSystemDevice(); }), "Failed to detect flash type");
+  EXPECT_EQ(device->getCurrentRootfs(), Device::A);
+  EXPECT_EQ(device->getOtherRootfs(), Device::B);
+  const auto other = device->getOtherRootfsPartition();
+  EXPECT_EQ(other, device->getOtherRootfsPartition());
+  EXPECT_EQ(boost::dynamic_pointer_cast<selvane::MMCPartition>(other)->getDevicePath(),
+            LabelledPartitions::link("main-B"));
   EXPECT_EQ(
       log.startingWith("E "),
-      (Lines{"E DeviceCommon:getDeviceID:errno=2:Failed to stat /dev/disk/by-partlabel/main-A",
-             "E Device:createSystemDevice::Failed to detect flash type"}));
-}
-
-// Running from main-A, from main-B (in a child chrooted into the mounted partition, with /dev bound
-// in so that the links resolve there too) and from the host's own root, which is neither.
-TEST_F(MMCDeviceTest, FindsTheRunningRootFilesystem) {
-  for (const auto& [from, found] : {std::pair<std::string, std::string>{"main-A", "A0Bmain-B"},
-                                    {"main-B", "B0Amain-A"},
-                                    {"", "A2Bmain-B"}}) {  // warned twice
-    const std::string root = scratch / from;
-    if (!from.empty()) {
-      ASSERT_EQ(harness::shell("mkdir " + root + " && mount " +
-                               disks.add(from, 8 << 20, LabelledPartitions::Ext3) + " " + root +
-                               " && mkdir " + root + "/dev && mount --bind /dev " + root + "/dev"),
-                0);
-    }
-    if (fork() == 0) {
-      std::ofstream out(scratch / "seen");
-      if (!from.empty() && (chroot(root.c_str()) != 0 || chdir("/") != 0)) _exit(1);
-      const selvane::MMCDevice device;
-      const auto other = device.getOtherRootfsPartition();
-      out << "AB"[device.getCurrentRootfs()]
-          << log.count("W MMCDevice:getCurrentRootfs::Could not detect rootfs, assuming main-A")
-          << "AB"[device.getOtherRootfs()]
-          << boost::dynamic_pointer_cast<selvane::MMCPartition>(other)->getDevicePath().substr(23);
-      out.close();
-      _exit(0);
-    }
-    wait(nullptr);
-    EXPECT_EQ(harness::readFile(scratch / "seen"), found) << from;
-  }
+      (Lines{"E Device:createSystemDevice::Failed to detect flash type",
+             "E DeviceCommon:getDeviceID:errno=2:Failed to stat /dev/disk/by-partlabel/main-A"}));
+  EXPECT_TRUE(
+      log.contains("W MMCDevice:getCurrentRootfs::Could not detect rootfs, assuming main-A"));
 }
 
 TEST_F(MMCDeviceTest, BootPropertiesReachTheBootLoader) {
@@ -136,10 +114,11 @@ TEST_F(MMCDeviceTest, BootPropertyPowerLoss) {
   bootEnvironment(disks.add("brix", 0x8000, LabelledPartitions::Zeros));
   selvane::MMCDevice device;
   device.setBootRootfs(Device::A, 0);  // both copies complete before the first kill
-  const auto start = std::chrono::steady_clock::now();
   device.setBootRootfs(Device::A, 0);
-  const long span =
-      (std::chrono::steady_clock::now() - start).count() * 6 / 5;  // one call and more
+  const auto start = std::chrono::steady_clock::now();  // kills spread over one forked call
+  if (fork() == 0) _exit((device.setBootRootfs(Device::A, 0), 0));
+  wait(nullptr);
+  const long span = (std::chrono::steady_clock::now() - start).count() * 6 / 5;
   std::mt19937 random(20261125);
   int killed = 0, modeChanged = 0, countChanged = 0, kills = 150;
   for (int i = 0; i < kills; ++i) {
@@ -167,7 +146,6 @@ TEST_F(MMCDeviceTest, BootPropertyPowerLoss) {
   EXPECT_EQ(printenv("boot.bootmode"), property("boot.bootmode"));
   EXPECT_GT(killed, 0);
   EXPECT_GT(modeChanged, 0);
-  EXPECT_GE(countChanged, modeChanged);  // the retry count is written first
   EXPECT_LT(countChanged, kills);
 }
 

@@ -86,7 +86,7 @@ TEST(ChrootExecutor, RunsInsideTheRootFromItsTop) {
   EXPECT_EQ(selvane::ChrootExecutor(dir / "none", argv, nullptr).waitExecute(0), ENOENT);
 }
 
-TEST(BindMount, ShowsTheSourceWhileTheObjectLivesAndReportsWhatItCannotDo) {
+TEST(BindMountTest, ShowsTheSourceWhileTheObjectLivesAndReportsWhatItCannotDo) {
   SELVANE_REQUIRE_ROOT();
   harness::LogCapture log;
   harness::ScratchDir dir;
