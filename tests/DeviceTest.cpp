@@ -1,249 +1,255 @@
-// The device: labels, board detection, which root filesystem runs (from main-A, from main-B and
-// from neither, by chroot into a mounted partition), the boot properties as the boot loader's
-// tools read them, and the wipe-and-halt over loop devices. Every /dev/disk/by-partlabel link and
-// loop device exists only in the test's namespace; the halt request only reaches the harness.
+// The device and its storage over loop devices named through /dev/disk/by-partlabel inside the
+// test's namespace: which root filesystem runs, the boot properties as the boot loader's tools read
+// them (also across power cuts), the wipe and halt (whose request only reaches the harness), and
+// partitions.
 #include <brix.h>
+#include <selvane/BRIX.h>
 #include <selvane/DeviceCommon.h>
 #include <selvane/MMCDevice.h>
 #include <selvane/MMCPartition.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <util/BoardInfo.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <memory>
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <regex>
+#include <thread>
 
-#include "BootEnvironment.h"
 #include "ErrorText.h"
-#include "Harness.h"
 #include "LabelledPartitions.h"
 
 namespace {
 
-using fixtures::BootEnvironment;
 using fixtures::errorText;
 using fixtures::LabelledPartitions;
 using selvane::Device;
-using selvane::MMCDevice;
 using Lines = std::vector<std::string>;
-
-const uint64_t kSmall = 64 << 10;
-
-TEST(Device, LabelsAndDeviceIDs) {
-  EXPECT_EQ(selvane::labelToText(Device::A), selvane::ROOTFS_A_LABEL);  // the constants, not copies
-  EXPECT_EQ(selvane::labelToText(Device::B), selvane::ROOTFS_B_LABEL);
-  EXPECT_STREQ(selvane::ROOTFS_A_LABEL, "main-A");
-  EXPECT_STREQ(selvane::ROOTFS_B_LABEL, "main-B");
-
-  struct stat st;
-  ASSERT_EQ(stat("/dev/null", &st), 0);  // a node that is not a block device: its filesystem
-  EXPECT_EQ(selvane::getDeviceID("/dev/null"), st.st_dev);
-  harness::LogCapture log;
-  EXPECT_EQ(errorText([] { selvane::getDeviceID("/nonexistent/selvane"); }),
-            "Failed to stat /nonexistent/selvane");
-  EXPECT_EQ(log.texts(),
-            Lines{"E DeviceCommon:getDeviceID:errno=2:Failed to stat /nonexistent/selvane"});
-}
-
-TEST(BoardInfo, AnswersFromTheKernelUnlessTheBoardIsDeclared) {
-  SELVANE_REQUIRE_ROOT();
-  ASSERT_EQ(mount("selvane-sys-block", "/sys/block", "tmpfs", 0, "mode=755"), 0);
-  struct Case {
-    const char *card, *type;  // a block device in /sys/block and its device type
-    const char* declared;     // MARVIX_BOARD_FLASH, or null
-    bool emmc;
-  } const cases[] = {{"loop0", "", nullptr, false},
-                     {"mmcblk0", "SD", nullptr, false},
-                     {"mmcblk0", "SD", "emmc", true},
-                     {"mmcblk1", "MMC", nullptr, true},
-                     {"mmcblk1", "MMC", "none", false}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.card) + " " + (c.declared ? c.declared : "-"));
-    const std::string dir = std::string("/sys/block/") + c.card + "/device";
-    ASSERT_EQ(harness::shell("mkdir -p " + dir), 0);
-    harness::writeFile(dir + "/type", std::string(c.type) + "\n");
-    c.declared ? setenv("MARVIX_BOARD_FLASH", c.declared, 1) : unsetenv("MARVIX_BOARD_FLASH");
-    EXPECT_EQ(util::BoardInfo::EMMCFlashPresent(), c.emmc);
-  }
-  unsetenv("MARVIX_BOARD_FLASH");
-  umount("/sys/block");
-}
-
-// ---- the eMMC device ------------------------------------------------------------------------
 
 class MMCDeviceTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    SELVANE_REQUIRE_ROOT();
-    disks = std::make_unique<LabelledPartitions>(scratch.path());
+  void SetUp() override { SELVANE_REQUIRE_ROOT(); }
+  void TearDown() override { brix_set_config(nullptr, nullptr); }
+
+  // A U-Boot environment, a redundant pair of 16 KiB copies at offsets 0 and 0x4000 of storage,
+  // for the property store of this process; the boot loader's fw_printenv reads the same.
+  void bootEnvironment(const std::string& storage) {
+    harness::writeFile(config, storage + " 0x0 0x4000\n" + storage + " 0x4000 0x4000\n");
+    brix_set_config(config.c_str(), (scratch / "initial-env").c_str());
   }
-  void TearDown() override { unsetenv("MARVIX_BOARD_FLASH"); }
+  std::string printenv(const std::string& name) {
+    std::string out;
+    harness::shell("fw_printenv -c " + config + " -n " + name + " 2>&1", &out);
+    return out.substr(0, out.find('\n'));
+  }
 
   harness::ScratchDir scratch;
-  std::unique_ptr<LabelledPartitions> disks;
+  LabelledPartitions disks{scratch.path()};
   harness::LogCapture log;
+  const std::string config = scratch / "fw_env.config";
 };
 
-TEST_F(MMCDeviceTest, SystemDeviceIsTheEMMCDeviceOnAnEMMCBoard) {
+// The value of key read through the store, or "<status N>".
+std::string property(const std::string& key) {
+  char buffer[BRIX_VALUE_MAX + 1] = {};
+  const int status = brix_get_property(key.c_str(), buffer, BRIX_VALUE_MAX);
+  return status == BRIX_OK ? buffer : "<status " + std::to_string(status) + ">";
+}
+
+// The host's own root is neither main-A nor main-B (running from those is what the update tests
+// do): it is taken for main-A, with a warning.
+TEST_F(MMCDeviceTest, TheSystemDeviceOnAnEMMCBoardFindsTheRunningRootFilesystem) {
+  setenv("MARVIX_BOARD_FLASH", "none", 1);
+  EXPECT_EQ(errorText([] { Device::createSystemDevice(); }), "Failed to detect flash type");
   setenv("MARVIX_BOARD_FLASH", "emmc", 1);
-  disks->add("main-B", kSmall);
+  disks.add("main-B", 4096);
   EXPECT_EQ(errorText([] { Device::createSystemDevice(); }),
             "Failed to stat /dev/disk/by-partlabel/main-A");
-  EXPECT_EQ(log.texts(), Lines{"E DeviceCommon:getDeviceID:errno=2:Failed to stat "
-                               "/dev/disk/by-partlabel/main-A"});
-
-  disks->add("main-A", kSmall);
-  boost::shared_ptr<Device> device = Device::createSystemDevice();
-  ASSERT_TRUE(boost::dynamic_pointer_cast<MMCDevice>(device));
-  EXPECT_EQ(device->getOtherRootfsPartition(), device->getOtherRootfsPartition());
-
-  setenv("MARVIX_BOARD_FLASH", "none", 1);
-  log.clear();
-  EXPECT_EQ(errorText([] { Device::createSystemDevice(); }), "Failed to detect flash type");
-  EXPECT_EQ(log.texts(), Lines{"E Device:createSystemDevice::Failed to detect flash type"});
+  disks.add("main-A", 4096);
+  const boost::shared_ptr<Device> device = Device::createSystemDevice();
+  EXPECT_EQ(device->getCurrentRootfs(), Device::A);
+  EXPECT_EQ(device->getOtherRootfs(), Device::B);
+  const auto other = device->getOtherRootfsPartition();
+  EXPECT_EQ(other, device->getOtherRootfsPartition());
+  EXPECT_EQ(boost::dynamic_pointer_cast<selvane::MMCPartition>(other)->getDevicePath(),
+            LabelledPartitions::link("main-B"));
+  EXPECT_EQ(
+      log.startingWith("E "),
+      (Lines{"E Device:createSystemDevice::Failed to detect flash type",
+             "E DeviceCommon:getDeviceID:errno=2:Failed to stat /dev/disk/by-partlabel/main-A"}));
+  EXPECT_TRUE(
+      log.contains("W MMCDevice:getCurrentRootfs::Could not detect rootfs, assuming main-A"));
 }
 
-// What an MMCDevice made in a child whose root is root (unless empty) finds: the current label,
-// the warnings about it, the other label and the other partition's device.
-std::string runningRootfsIn(const std::string& root, const std::string& outFile) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    std::ofstream out(outFile);  // opened before the chroot
-    try {
-      if (!root.empty() && (chroot(root.c_str()) != 0 || chdir("/") != 0))
-        throw std::runtime_error("chroot failed");
-      MMCDevice device;
-      harness::LogCapture log;
-      out << (device.getCurrentRootfs() == Device::A ? "A " : "B ")
-          << log.count("W MMCDevice:getCurrentRootfs::Could not detect rootfs, assuming main-A")
-          << (device.getOtherRootfs() == Device::A ? " A " : " B ")
-          << boost::dynamic_pointer_cast<selvane::MMCPartition>(device.getOtherRootfsPartition())
-                 ->getDevicePath();
-    } catch (const std::exception& e) {
-      out << e.what();
-    }
-    out.close();
-    _exit(0);
-  }
-  waitpid(pid, nullptr, 0);
-  return harness::readFile(outFile);
-}
-
-// Runs from main-A, from main-B (chrooted into the mounted partition, with /dev bound in so that
-// the links resolve there too) and from the host's own root, which is neither.
-TEST_F(MMCDeviceTest, FindsTheRunningRootFilesystem) {
-  disks->add("main-A", 8 << 20, LabelledPartitions::Ext3);
-  disks->add("main-B", 8 << 20, LabelledPartitions::Ext3);
-  const char* const cases[][2] = {// running from, and what the device finds there
-                                  {"main-A", "A 0 B /dev/disk/by-partlabel/main-B"},
-                                  {"main-B", "B 0 A /dev/disk/by-partlabel/main-A"},
-                                  {"", "A 1 B /dev/disk/by-partlabel/main-B"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0]);
-    const std::string root = *c[0] ? scratch / c[0] : "";
-    if (!root.empty()) {
-      ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
-      ASSERT_EQ(mount(LabelledPartitions::link(c[0]).c_str(), root.c_str(), "ext3", 0, nullptr), 0);
-      ASSERT_EQ(mkdir((root + "/dev").c_str(), 0755), 0);
-      ASSERT_EQ(mount("/dev", (root + "/dev").c_str(), nullptr, MS_BIND, nullptr), 0);
-    }
-    EXPECT_EQ(runningRootfsIn(root, scratch / "seen"), c[1]);
-    if (!root.empty()) {
-      EXPECT_EQ(umount((root + "/dev").c_str()), 0);
-      EXPECT_EQ(umount(root.c_str()), 0);
-    }
-  }
-}
-
-// The environment lives on the "brix" partition as a redundant pair, and fw_printenv reads it the
-// way the boot loader does.
 TEST_F(MMCDeviceTest, BootPropertiesReachTheBootLoader) {
-  disks->add("main-A", kSmall);
-  disks->add("main-B", kSmall);
-  disks->add("brix", 2 * BootEnvironment::kCopySize, LabelledPartitions::Zeros);  // a first boot
-  BootEnvironment env(LabelledPartitions::link("brix"), scratch.path());
-  harness::writeFile(env.initialEnv(), "bootdelay=3\n");
-  MMCDevice device;
-  const auto boot = [&] {
-    return env.printenv("boot.otaretrycount") + " " + env.printenv("boot.bootmode");
-  };
-  device.setBootRootfs(Device::B, 3);
-  EXPECT_EQ(boot(), "3 main-B");
-  device.setBootRootfs(Device::A, 0);
-  EXPECT_EQ(boot(), "0 main-A");
+  disks.add("main-A", 4096);
+  disks.add("main-B", 4096);
+  bootEnvironment(disks.add("brix", 0x8000, LabelledPartitions::Zeros));  // a first boot
+  selvane::MMCDevice device;
   device.setBootRootfs(Device::B, 4294967295u);
-  EXPECT_EQ(boot(), "4294967295 main-B");
-  EXPECT_EQ(env.printenv("bootdelay"), "3");
-
-  log.clear();
-  device.setKnownGood(Device::B);
-  EXPECT_EQ(env.printenv("boot.knowngood"), "main-B");
-  EXPECT_EQ(log.texts(), Lines{"I DeviceCommon:setKnownGood:rootfs=main-B:Setting known good"});
-  EXPECT_EQ(log.lines()[0].priority, 5);
-
+  EXPECT_EQ(printenv("boot.otaretrycount") + printenv("boot.bootmode"), "4294967295main-B");
+  device.setKnownGood(Device::A);
+  EXPECT_EQ(selvane::BRIX::getProperty("boot.knowngood"), "main-A");
+  EXPECT_TRUE(selvane::BRIX::setProperty("high",
+                                         "ab\xc3"
+                                         "cd"));
+  EXPECT_EQ(selvane::BRIX::getProperty("high"), "ab");  // cut at the first byte above 0x7F
+  EXPECT_EQ(errorText([] { selvane::BRIX::getProperty("boot.none"); }),
+            "Failed to read brix property for key: boot.none");
   // Failed writes are only logged, and the second property is written after a failed first.
-  brix_set_config((scratch / "missing.config").c_str(), nullptr);
   log.clear();
+  brix_set_config((scratch / "missing").c_str(), nullptr);
   device.setBootRootfs(Device::B, 3);
-  selvane::setKnownGood("boot=knowngood", Device::A);
-  const std::string failed = ":Failed to set brix property";
-  EXPECT_EQ(log.texts(),
-            (Lines{"E selvane:setBRIX:key=boot.otaretrycount,val=3,status=1" + failed,
-                   "E selvane:setBRIX:key=boot.bootmode,val=main-B,status=1" + failed,
-                   "I DeviceCommon:setKnownGood:rootfs=main-A:Setting known good",
-                   "E selvane:setBRIX:key=boot=knowngood,val=main-A,status=5" + failed}));
+  const std::string failed = ",status=1:Failed to set brix property";
+  EXPECT_EQ(log.texts(), (Lines{"E selvane:setBRIX:key=boot.otaretrycount,val=3" + failed,
+                                "E selvane:setBRIX:key=boot.bootmode,val=main-B" + failed}));
 }
 
-// ---- wipe and halt --------------------------------------------------------------------------
-
-// True when the last request since `before` earlier ones is the only one and a halt.
-bool haltedOnce(size_t before) {
-  const std::vector<int> requests = harness::rebootRequests();
-  return requests.size() == before + 1 && requests.back() == static_cast<int>(RB_HALT_SYSTEM);
+// A child runs setBootRootfs and is killed at a (seeded) random moment, many times over. The pair
+// of copies keeps each property at its old or its new value, readable through the store.
+TEST_F(MMCDeviceTest, BootPropertyPowerLoss) {
+  disks.add("main-A", 4096);
+  disks.add("main-B", 4096);
+  bootEnvironment(disks.add("brix", 0x8000, LabelledPartitions::Zeros));
+  selvane::MMCDevice device;
+  device.setBootRootfs(Device::A, 0);  // both copies complete before the first kill
+  device.setBootRootfs(Device::A, 0);
+  const auto start = std::chrono::steady_clock::now();  // kills spread over one forked call
+  if (fork() == 0) _exit((device.setBootRootfs(Device::A, 0), 0));
+  wait(nullptr);
+  const long span = (std::chrono::steady_clock::now() - start).count() * 6 / 5;
+  std::mt19937 random(20261125);
+  int killed = 0, modeChanged = 0, countChanged = 0, kills = 150;
+  for (int i = 0; i < kills; ++i) {
+    const std::string oldMode = property("boot.bootmode"),
+                      oldCount = property("boot.otaretrycount");
+    const Device::RootfsLabel label = oldMode == "main-A" ? Device::B : Device::A;
+    const unsigned retries = (std::stoul(oldCount) + 1) % 10;
+    const pid_t pid = fork();
+    if (pid == 0) {
+      device.setBootRootfs(label, retries);
+      _exit(0);
+    }
+    std::this_thread::sleep_for(std::chrono::steady_clock::duration(random() % span));
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    killed += WIFSIGNALED(status);
+    const std::string mode = property("boot.bootmode"), count = property("boot.otaretrycount");
+    ASSERT_TRUE(mode == oldMode || mode == selvane::labelToText(label)) << i << ": " << mode;
+    ASSERT_TRUE(count == oldCount || count == std::to_string(retries)) << i << ": " << count;
+    modeChanged += mode != oldMode;
+    countChanged += count != oldCount;
+  }
+  std::printf("%d of %d kills landed before setBootRootfs ended\n", killed, kills);
+  EXPECT_EQ(printenv("boot.bootmode"), property("boot.bootmode"));
+  EXPECT_GT(killed, 0);
+  EXPECT_GT(modeChanged, 0);
+  EXPECT_LT(countChanged, kills);
 }
 
-// The device's own list, its links pointing at a directory (boot), a device of 0 sectors (brix),
-// nothing (mfg), a device of 9 sectors (main-A), a read-only device (main-B) and a character
-// device (data): each failure is logged, the rest is still wiped and the machine halts.
+// The device's own list, its links pointing at a directory (boot), a device of 15 sectors (brix),
+// nothing (mfg), a read-only device (main-A), a device of 16 sectors (main-B) and a character
+// device (data): each failure is logged, the rest is still wiped and the machine halts. A list of
+// one entry is wiped too, and an empty or null one only halts.
 TEST_F(MMCDeviceTest, EvictDataAndHaltWipesWhatItCanThenHalts) {
-  disks->alias("boot", scratch.path());
-  disks->add("brix", 0);
-  disks->add("main-A", 9 * 512);
-  disks->add("main-B", kSmall, LabelledPartitions::Pattern, true);
-  disks->alias("data", "/dev/null");
-  MMCDevice device;
+  disks.alias("boot", scratch.path());
+  disks.add("brix", 15 * 512);
+  disks.add("main-A", 4096, LabelledPartitions::Pattern, true);
+  disks.add("main-B", 16 * 512);
+  disks.alias("data", "/dev/null");
+  const selvane::MMCDevice device;
   log.clear();
-  const size_t before = harness::rebootRequests().size();
-
   device.evictDataAndHalt();
   const std::string skip = ":Skipping wipe of partition due to error";
   EXPECT_EQ(log.texts(),
             (Lines{"E DeviceCommon:open:partition=/dev/disk/by-partlabel/boot,errno=21" + skip,
                    "E DeviceCommon:realpath:partition=/dev/disk/by-partlabel/mfg,errno=2" + skip,
-                   // named after the list entry at the failing block's sector (0), not main-B
+                   // named after the list entry at the failing block's sector (0), not main-A
                    "E DeviceCommon:write:partition=/dev/disk/by-partlabel/boot,errno=1:"
                    "Incomplete wipe of partition due to error",
                    "E DeviceCommon:ioctl:partition=/dev/disk/by-partlabel/data,errno=25" + skip}));
-  EXPECT_EQ(harness::readFile(disks->image("main-A")), std::string(9 * 512, '\0'));
-  EXPECT_EQ(harness::readFile(disks->image("main-B")), std::string(kSmall, '\xa5'));
-  EXPECT_TRUE(haltedOnce(before));
+  EXPECT_EQ(harness::readFile(disks.image("brix")) + harness::readFile(disks.image("main-B")),
+            std::string(31 * 512, '\0'));
+  EXPECT_EQ(harness::readFile(disks.image("main-A")), std::string(4096, '\xa5'));
+  disks.add("mfg", 4096);
+  const char* one[] = {"/dev/disk/by-partlabel/mfg", nullptr};
+  const char* none[] = {nullptr};
+  selvane::evictDataAndHalt(one);
+  selvane::evictDataAndHalt(none);
+  selvane::evictDataAndHalt(nullptr);
+  EXPECT_EQ(harness::readFile(disks.image("mfg")), std::string(4096, '\0'));
+  EXPECT_EQ(harness::rebootRequests(), std::vector<int>(4, RB_HALT_SYSTEM));
 }
 
-TEST(DeviceCommon, AnEmptyOrNullListOnlySyncsAndHalts) {
-  harness::LogCapture log;
-  const char* empty[] = {nullptr};
-  size_t before = harness::rebootRequests().size();
-  selvane::evictDataAndHalt(empty);
-  EXPECT_TRUE(haltedOnce(before++));
-  selvane::evictDataAndHalt(nullptr);
-  EXPECT_TRUE(haltedOnce(before++));
-  selvane::doHalt();
-  EXPECT_TRUE(haltedOnce(before));
-  EXPECT_TRUE(log.texts().empty());
+// ---- partitions -----------------------------------------------------------------------------
+
+// The primitives each operation calls are read back from the log, with the flags of each mount.
+TEST_F(MMCDeviceTest, PartitionsMountRemountEraseAndCheck) {
+  disks.add("main-B", 8 << 20, LabelledPartitions::Ext3);
+  const std::string point = scratch / "point";
+  ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
+  selvane::MMCPartition partition(LabelledPartitions::link("main-B"));
+  const std::string temporary = partition.mount("", true);
+  EXPECT_TRUE(std::regex_match(temporary, std::regex("/tmp/ota-mount-[A-Za-z0-9]{6}")));
+  EXPECT_EQ(partition.mount(point, false), point);  // the first mount goes; its directory stays
+  EXPECT_EQ(rmdir(temporary.c_str()), 0);
+  harness::writeFile(point + "/old", "");
+  partition.remount_ro();
+  partition.remount_ro();
+  partition.erase();  // mounted again as it was
+  EXPECT_TRUE(partition.checkAndRepair());
+  EXPECT_NE(harness::shell("test -e " + point + "/old || touch " + point + "/new"), 0);  // ro
+  partition.remount_rw();
+  partition.remount_rw();
+  partition.unmount();
+  partition.remount_ro();
+  partition.erase();  // unmounted, they leave it unmounted
+  EXPECT_TRUE(partition.checkAndRepair());
+  EXPECT_EQ(harness::mountsUnder(point), Lines{});
+  std::string calls;
+  for (const std::string& line : log.startingWith("I MMCPartition:do_"))
+    calls += std::regex_replace(
+        line, std::regex("I MMCPartition:(\\w+):[^:]*?(?:flags=(\\d+))?:.*"), "$1$2 ");
+  EXPECT_EQ(calls,
+            "do_mount1 do_mount33 do_unmount do_mount0 do_mount32 do_mount33 do_unmount do_erase "
+            "do_mount1 do_mount33 do_unmount do_mount1 do_mount33 do_mount32 do_unmount do_erase ");
+}
+
+TEST_F(MMCDeviceTest, PartitionFailures) {
+  const std::string point = scratch / "point";
+  ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
+  disks.add("main-A", 1 << 20);  // no filesystem
+  selvane::MMCPartition plain(LabelledPartitions::link("main-A"));
+  EXPECT_EQ(errorText([&] { plain.mount(point, false); }), "Failed to mount partition");
+  EXPECT_EQ(plain.getMountPoint(), "");
+  EXPECT_EQ(errorText([] { selvane::MMCPartition("/nonexistent").erase(); }), "Failed to erase");
+  disks.add("main-B", 8 << 20, LabelledPartitions::Ext3, true);  // read-only
+  selvane::MMCPartition readOnly(LabelledPartitions::link("main-B"));
+  readOnly.mount(point, true);
+  EXPECT_EQ(errorText([&] { readOnly.remount_rw(); }), "Failed to remount partition RW");
+  EXPECT_TRUE(readOnly.isReadOnly());
+  readOnly.unmount();
+  // A busy mount stays: unmount() throws, and so does the destructor.
+  EXPECT_EQ(errorText([&] {
+              selvane::MMCPartition busy(LabelledPartitions::link("main-B"));
+              ASSERT_EQ(chdir(busy.mount(point, true).c_str()), 0);
+              EXPECT_EQ(errorText([&] { busy.unmount(); }), "Failed to unmount");
+              EXPECT_EQ(busy.getMountPoint(), point);
+            }),
+            "Failed to unmount");
+  ASSERT_EQ(chdir("/"), 0);
+  ASSERT_EQ(umount(point.c_str()), 0);
+  ASSERT_EQ(mount("full", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0);  // no room for a directory
+  EXPECT_EQ(errorText([&] { plain.mount("", false); }), "Failed to create a temporary directory");
+  ASSERT_EQ(umount("/tmp"), 0);
+  const Lines failed = log.startingWith("E Partition:");
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_TRUE(
+      std::regex_match(failed[0], std::regex("E Partition:mkdtemp:dir=/tmp/ota-mount-\\w{6},"
+                                             "errno=30:Failed to create a temporary directory")))
+      << failed[0];
 }
 
 }  // namespace

@@ -25,8 +25,6 @@ bool privateNamespace();
       GTEST_SKIP() << "needs root and a private mount namespace (run the suite as root)"; \
   } while (0)
 
-// ---- syslog capture -------------------------------------------------------------------------
-
 struct LogLine {
   int priority;
   std::string text;
@@ -51,15 +49,8 @@ class LogCapture {
   uint32_t savedMask;
 };
 
-// ---- halt requests --------------------------------------------------------------------------
-
 // Every reboot(cmd) the process attempted, in order.
 std::vector<int> rebootRequests();
-
-// ---- resources ------------------------------------------------------------------------------
-
-// Open descriptors of this process.
-size_t openDescriptorCount();
 
 // Mount points at or below prefix, from /proc/self/mountinfo.
 std::vector<std::string> mountsUnder(const std::string& prefix);
@@ -69,8 +60,6 @@ class ScratchDir {
  public:
   ScratchDir();
   ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
   const std::string& path() const { return dir; }
   std::string operator/(const std::string& name) const { return dir + "/" + name; }
 
@@ -94,8 +83,6 @@ class LoopDevice {
  public:
   explicit LoopDevice(const std::string& backingFile, bool readOnly = false);
   ~LoopDevice();
-  LoopDevice(const LoopDevice&) = delete;
-  LoopDevice& operator=(const LoopDevice&) = delete;
   const std::string& path() const { return device; }
 
  private:

@@ -5,6 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <initializer_list>
+
 namespace harness {
 
 bool dropSysBoot() {
@@ -12,13 +14,11 @@ bool dropSysBoot() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct data[2]{};
   const __u32 bit = 1u << CAP_SYS_BOOT;
-  if (syscall(SYS_capget, &header, data) != 0) return false;
-  data[0].effective &= ~bit;
-  data[0].permitted &= ~bit;
-  data[0].inheritable &= ~bit;
-  if (syscall(SYS_capset, &header, data) != 0 || syscall(SYS_capget, &header, data) != 0)
-    return false;
-  return !((data[0].effective | data[0].permitted) & bit) &&
+  (void)syscall(SYS_capget, &header, data);
+  for (__u32* set : {&data[0].effective, &data[0].permitted, &data[0].inheritable}) *set &= ~bit;
+  (void)syscall(SYS_capset, &header, data);
+  return syscall(SYS_capget, &header, data) == 0 &&
+         !((data[0].effective | data[0].permitted) & bit) &&
          (geteuid() != 0 || prctl(PR_CAPBSET_READ, CAP_SYS_BOOT, 0, 0, 0) == 0);
 }
 
