@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <selvane/selvane.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -94,12 +95,30 @@ bool lockHeld(const std::string& path, std::string& step) {
   return false;
 }
 
+// A run that was killed (SIGKILL) leaves the other root mounted
+// on its temporary directory, perhaps read-write, and the kernel then refuses a read-only mount of
+// it. Only a dead run's mounts can be there: the caller holds the update lock, or status saw it
+// free. They are detached, and their directories removed; mounts made by anyone else are not ours.
+void detachLeftoverMounts(const std::string& device) {
+  struct stat st;
+  if (stat(device.c_str(), &st) != 0) return;
+  const std::string number =
+      std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
+  std::ifstream mounts("/proc/self/mountinfo");
+  std::string id, parent, devices, root, mountpoint, rest;
+  while (mounts >> id >> parent >> devices >> root >> mountpoint && std::getline(mounts, rest)) {
+    if (devices != number || mountpoint.compare(0, 15, "/tmp/ota-mount-") != 0) continue;
+    if (umount2(mountpoint.c_str(), MNT_DETACH) == 0) rmdir(mountpoint.c_str());
+  }
+}
+
 // The other root filesystem, mounted on a temporary directory for as long as the object lives.
 // It is checked to be self-contained before anything, the library included, writes into it.
 class MountedRoot {
  public:
   MountedRoot(boost::shared_ptr<selvane::Partition> partition, std::string device, bool readOnly)
       : partition(std::move(partition)), device(std::move(device)) {
+    detachLeftoverMounts(this->device);
     try {
       mountpoint = this->partition->mount("", readOnly);
     } catch (const std::runtime_error& e) {
