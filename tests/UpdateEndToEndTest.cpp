@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
@@ -23,124 +22,87 @@
 namespace {
 
 using harness::quote;
-const std::string kSim = SELVANE_TEST_SOURCE_DIR "/../tools/selvane-sim/selvane-sim";
-const std::string kBin = SELVANE_BINARY_DIR "/bin";
+using nlohmann::json;
+const std::string kSim = SELVANE_TEST_SOURCE_DIR "/../tools/selvane-sim/selvane-sim ";
+const std::string kBin = SELVANE_BINARY_DIR "/bin/";
 const auto npos = std::string::npos;
+#define EXPECT_HAS(text, part) EXPECT_NE((text).find(part), npos) << (text)
 
 // The JSON Lines of selvane-update, schema 1, as README.md documents them: each event's fields and
-// their kinds (s string, S string or null, n whole number, b boolean, p package, P list of
-// packages, o object, a list).
-const char* const kEvents[] = {
-    "manifest release:s packages:P",
-    "plan release:s rootfs:s remove:P install:P unchanged:P download_bytes:n",
-    "up-to-date release:s rootfs:s",
-    "download package:p",
-    "progress bytes:n total:n bytes_per_second:n seconds_left:n",
-    "retry url:s attempt:n reason:s",
-    "hook stage:s hook:s exit_code:n",
-    "boot-reset bootmode:s",
-    "remove package:p",
-    "install package:p",
-    "configure",
-    "verify",
-    "sanity-check",
-    "switched release:s bootmode:s retries:n",
-    "status current:s other:s current_release:S other_release:S update_in_progress:b "
-    "update_step:S boot:o other_packages:P",
-    "known-good rootfs:s",
-    "config file:s settings:a",
-    "failed class:s exit_code:n message:s",
-};
-// The class that a failed event names for each exit code.
-const char* const kClasses[] = {"ok",
-                                "internal",
-                                "usage",
-                                "manifest",
-                                "download",
-                                "size",
-                                "digest",
-                                "signature",
-                                "mount",
-                                "install",
-                                "configure",
-                                "verify",
-                                "sanity-check",
-                                "boot-switch",
-                                "already-running",
-                                "interrupted",
-                                "unsafe-root",
-                                "downgrade",
-                                "pre-install-hook",
-                                "no-space"};
+// their kinds (s string, S string or null, n whole number, b boolean, o object, a list, p package,
+// P list of packages); and the class of each exit code that a failed event names.
+const std::string kEvents =
+    ";manifest release:s packages:P;plan release:s rootfs:s remove:P install:P unchanged:P "
+    "download_bytes:n;up-to-date release:s rootfs:s;download package:p;progress bytes:n total:n "
+    "bytes_per_second:n seconds_left:n;retry url:s attempt:n reason:s;hook stage:s hook:s "
+    "exit_code:n;boot-reset bootmode:s;remove package:p;install package:p;configure;verify;"
+    "sanity-check;switched release:s bootmode:s retries:n;status current:s other:s "
+    "current_release:S other_release:S update_in_progress:b update_step:S boot:o "
+    "other_packages:P;known-good rootfs:s;config file:s settings:a;failed class:s exit_code:n "
+    "message:s;";
+const std::string kClasses =
+    "ok internal usage manifest download size digest signature mount install configure verify "
+    "sanity-check boot-switch already-running interrupted unsafe-root downgrade pre-install-hook "
+    "no-space";
 
-bool hasKind(const nlohmann::json& value, char kind) {
-  const auto isPackage = [](const nlohmann::json& p) {
-    if (!p.is_object() || !p["name"].is_string() || !p["version"].is_string()) return false;
-    for (const auto& [key, field] : p.items())
-      if (!(key == "name" || key == "version" || (key == "size" && field.is_number_unsigned()) ||
-            (key == "url" && field.is_string())))
-        return false;
-    return true;
-  };
-  switch (kind) {
-    case 's':
-      return value.is_string();
-    case 'S':
-      return value.is_string() || value.is_null();
-    case 'n':
-      return value.is_number_unsigned();
-    case 'b':
-      return value.is_boolean();
-    case 'p':
-      return isPackage(value);
-    case 'P':
-      return value.is_array() && std::all_of(value.begin(), value.end(), isPackage);
-    case 'o':
-      return value.is_object();
-    default:
-      return value.is_array();
-  }
+bool isPackage(const json& p) {
+  if (!p.is_object() || !p["name"].is_string() || !p["version"].is_string()) return false;
+  for (const auto& [key, value] : p.items())
+    if (!(key == "name" || key == "version" || (key == "size" && value.is_number_unsigned()) ||
+          (key == "url" && value.is_string())))
+      return false;
+  return true;
 }
 
 // Every line of out is one event of the schema, with exactly its fields.
 void expectSchema(const std::string& out) {
   std::istringstream lines(out);
   for (std::string line; std::getline(lines, line);) {
-    const nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
-    ASSERT_TRUE(event.is_object()) << "not a JSON object: " << line;
-    EXPECT_EQ(event.value("schema", 0), 1) << line;
-    EXPECT_TRUE(std::regex_match(event.value("time", ""),
+    json e = json::parse(line, nullptr, false);
+    ASSERT_TRUE(e.is_object()) << "not a JSON object: " << line;
+    EXPECT_EQ(e.value("schema", 0), 1) << line;
+    EXPECT_TRUE(std::regex_match(e.value("time", ""),
                                  std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")))
         << line;
-    const auto spec = std::find_if(std::begin(kEvents), std::end(kEvents), [&](const char* e) {
-      return event.value("event", "") == std::string(e).substr(0, std::string(e).find(' '));
-    });
-    ASSERT_NE(spec, std::end(kEvents)) << "unknown event: " << line;
-    std::istringstream fields(*spec);
+    const size_t at = kEvents.find(";" + e.value("event", "?") + " "),
+                 bare = kEvents.find(";" + e.value("event", "?") + ";");
+    ASSERT_TRUE(at != npos || bare != npos) << "unknown event: " << line;
+    const size_t start = std::min(at, bare) + 1;
+    std::istringstream fields(kEvents.substr(start, kEvents.find(';', start) - start));
     std::string field;
     size_t count = 3;
     for (fields >> field; fields >> field; ++count) {
-      const std::string name = field.substr(0, field.size() - 2);
-      EXPECT_TRUE(event.contains(name) && hasKind(event[name], field.back())) << name << line;
+      const json& v = e[field.substr(0, field.size() - 2)];
+      const std::map<char, bool> kinds = {
+          {'s', v.is_string()},
+          {'S', v.is_string() || v.is_null()},
+          {'n', v.is_number_unsigned()},
+          {'b', v.is_boolean()},
+          {'o', v.is_object()},
+          {'a', v.is_array()},
+          {'p', isPackage(v)},
+          {'P', v.is_array() && std::all_of(v.begin(), v.end(), isPackage)}};
+      EXPECT_TRUE(kinds.at(field.back())) << field << " in " << line;
     }
-    EXPECT_EQ(event.size(), count) << line;
-    if (event["event"] == "failed" && event["exit_code"].is_number_unsigned()) {
-      EXPECT_EQ(event["class"], kClasses[std::min<size_t>(event["exit_code"].get<size_t>(), 19)]);
+    EXPECT_EQ(e.size(), count) << line;
+    if (e["event"] == "failed" && e["exit_code"].is_number_unsigned()) {
+      std::istringstream classes(kClasses);
+      std::string name;
+      for (unsigned i = 0; i <= e["exit_code"].get<unsigned>() && classes >> name; ++i) continue;
+      EXPECT_EQ(e["class"], name) << line;
     }
   }
 }
 
-// A command running in the background in a process group of its own; its output read by line.
+// A command in the background, in a process group of its own; its output is read line by line.
 class Background {
  public:
   explicit Background(const std::string& command) {
     int fds[2];
     if (pipe(fds) != 0) throw std::runtime_error("pipe");
-    pid = fork();
-    if (pid == 0) {
+    if ((pid = fork()) == 0) {
       setpgid(0, 0);
       dup2(fds[1], STDOUT_FILENO);
-      close(fds[0]);
       execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
       _exit(127);
     }
@@ -179,12 +141,10 @@ class Background {
   }
 
   pid_t pid = -1;
-
- private:
   FILE* out = nullptr;
 };
 
-// Each test has a simulated device of its own: release 1.0 runs from main-A, release 2.0 is served.
+// Each test has a simulated device: release 1.0 runs from main-A, release 2.0 is served.
 class UpdateEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -195,29 +155,26 @@ class UpdateEndToEnd : public ::testing::Test {
     if (harness::shell("command -v nginx >/dev/null && command -v fw_printenv >/dev/null") != 0)
       FAIL() << "nginx and fw_printenv are missing: run scripts/install-deps.sh";
     std::string out;
-    ASSERT_EQ(harness::shell("SELVANE_BIN=" + kBin + " " + kSim + " create " + dir + " 2>&1", &out),
-              0)
-        << out;
+    ASSERT_EQ(sh("SELVANE_BIN=" + kBin + " " + kSim + "create " + dir, &out), 0) << out;
     created = true;
   }
   void TearDown() override {
-    if (created) sim("destroy " + dir);
+    if (created) sh(kSim + "destroy " + dir);
   }
 
-  // The output of each command replaces what out held.
-  int sim(const std::string& arguments, std::string* out = nullptr) const {
+  // A shell command (on the device with onDevice), with its standard error; out gets its output.
+  int sh(const std::string& command, std::string* out = nullptr, bool onDevice = false) const {
     std::string output;
-    const int status = harness::shell(kSim + " " + arguments + " 2>&1", &output);
+    const int status = harness::shell(
+        (onDevice ? kSim + "run " + dir + " -- sh -c " + quote(command) : command) + " 2>&1",
+        &output);
     if (out != nullptr) *out = output;
     return status;
   }
-  int device(const std::string& command, std::string* out = nullptr) const {
-    return sim("run " + dir + " -- sh -c " + quote(command), out);
-  }
-  // The shell command running selvane-update on the device, after a command of its own.
+  // selvane-update on the device, after a command of its own (in a mount namespace of its own).
   std::string command(const std::string& arguments, const std::string& before = "") const {
-    const std::string update = kBin + "/selvane-update " + arguments;
-    return kSim + " run " + dir + " -- " +
+    const std::string update = kBin + "selvane-update " + arguments;
+    return kSim + "run " + dir + " -- " +
            (before.empty() ? update : "unshare -m sh -c " + quote(before + update));
   }
   // A JSON run's standard output only, checked against the schema; standard error too otherwise.
@@ -232,42 +189,38 @@ class UpdateEndToEnd : public ::testing::Test {
     return status;
   }
   std::string install(const std::string& release, const std::string& more = "") const {
-    return "--json install --manifest " + url(release + "/manifest") + keys + " --timeout 0 " +
-           more;
+    return "--json install --timeout 0 --manifest " + url(release + "/manifest") + keys + more;
   }
   std::string url(const std::string& path) const {
     return "https://localhost:" + harness::readFile(dir + "/port").substr(0, 5) + "/" + path;
   }
   std::string bootProperties() const {
     std::string out;
-    sim("env " + dir, &out);
+    sh(kSim + "env " + dir, &out);
     return out;
   }
   bool bootsMainB() const { return bootProperties().find("boot.bootmode=main-B\n") != npos; }
-  // The writes that reached a partition (from its loop device's counters).
+  // The writes that reached a partition, counted by its loop device.
   std::string writes(const std::string& label) const {
     std::string out;
-    harness::shell("awk '$1 == \"" + label + "\" { print $2 }' " + dir +
-                       "/loops | xargs basename | xargs -I{} awk '{ print $5, $7 }' "
-                       "/sys/block/{}/stat",
-                   &out);
+    sh("awk '{ print $5, $7 }' /sys/block/$(awk '$1 == \"" + label + "\" { print $2 }' " + dir +
+           "/loops | cut -d/ -f3)/stat",
+       &out);
     return out;
   }
-  // The running root, the boot environment and the bait of the attacks, to compare around a
-  // failure (main-B too when asked).
+  // The running root, the boot environment and the bait that attacks aim at (and main-B).
   std::string untouchable(bool mainB = false) const {
     std::string bait;
-    harness::shell("cd " + scratch / "host" +
-                       " 2>/dev/null && find . -printf '%p %s %y %l\\n' | sort && cat $(find . "
-                       "-type f | sort)",
-                   &bait);
+    sh("cd " + scratch / "host" +
+           " 2>&- && find . -printf '%p %s %y %l\\n' | sort && cat $(find . " + "-type f | sort)",
+       &bait);
     return writes("main-A") + (mainB ? writes("main-B") : "") +
            harness::readFile(dir + "/env/uboot-1.env") +
            harness::readFile(dir + "/env/uboot-2.env") + bait;
   }
   std::string mounts() const {
     std::string out;
-    device("cat /proc/self/mountinfo", &out);
+    sh("cat /proc/self/mountinfo", &out, true);
     return out;
   }
   // A failure: its exit code and message, nothing outside main-B changed, main-B unmounted.
@@ -276,11 +229,11 @@ class UpdateEndToEnd : public ::testing::Test {
     const std::string state = untouchable(mainB);
     std::string out;
     EXPECT_EQ(update(arguments, &out, before), code) << arguments << "\n" << out;
-    EXPECT_NE(out.find(message), npos) << arguments << "\n" << out;
+    EXPECT_HAS(out, message);
     EXPECT_EQ(untouchable(mainB), state) << arguments;
     EXPECT_EQ(mounts().find("ota-mount"), npos) << arguments;
   }
-  // Bytes of packages (whose URL holds name) that the server sent so far.
+  // Bytes of packages (whose URL holds name) that the server sent.
   uint64_t served(const std::string& name = "") const {
     std::ifstream log(dir + "/nginx/logs/access.log");
     std::string uri, status;
@@ -290,47 +243,41 @@ class UpdateEndToEnd : public ::testing::Test {
         total += bytes;
     return total;
   }
-  // Publishes release NAME under www/NAME, its manifest signed with the release key (or key):
-  // release 2.0's packages, replaced or joined by others, served from base (default www/NAME).
+  // Publishes release NAME under www/NAME, its manifest signed with the release key: release 2.0's
+  // packages (unless not keepBase), replaced or joined by others, served from base (or www/NAME).
   void publish(const std::string& name, const std::vector<std::string>& packages,
-               bool keepBase = true, const std::string& base = "",
-               const std::string& key = "") const {
+               bool keepBase = true, const std::string& base = "") const {
     const std::string out = dir + "/www/" + name;
-    std::string command = "mkdir -p " + out;
-    if (keepBase) command += " && cp " + dir + "/www/release-2.0/*.ipk " + out;
+    std::string command =
+        "mkdir -p " + out + (keepBase ? " && cp " + release2 + "*.ipk " + out : "");
     for (const std::string& package : packages)
       command += " && rm -f " + out + "/$(basename " + package + " | cut -d_ -f1)_*.ipk && cp " +
                  package + " " + out;
-    command += " && " + kBin + "/selvane-pack manifest --version " + name + " --base-url " +
+    command += " && " + kBin + "selvane-pack manifest --version " + name + " --base-url " +
                (base.empty() ? url(name) : base) + " --output " + out + "/manifest " + out +
-               "/*.ipk && " + kBin + "/selvane-pack sign-manifest --key " +
-               (key.empty() ? dir + "/keys/release.pem" : key) + " " + out + "/manifest";
+               "/*.ipk && " + kBin + "selvane-pack sign-manifest --key " + dir +
+               "/keys/release.pem " + out + "/manifest";
     std::string output;
-    ASSERT_EQ(harness::shell(command + " 2>&1", &output), 0) << output;
-  }
-  std::string sign(const std::string& package, const std::string& key = "") const {
-    EXPECT_EQ(harness::shell(kBin + "/selvane-pack sign --key " +
-                             (key.empty() ? dir + "/keys/release.pem" : key) + " " + package +
-                             " >/dev/null"),
-              0);
-    return package;
+    ASSERT_EQ(sh(command, &output), 0) << output;
   }
   // A package for this device, signed with its release key.
   std::string package(const fixtures::PackageRecipe& recipe) const {
-    return sign(fixtures::buildPackage(recipe, packages.path()));
+    const std::string path = fixtures::buildPackage(recipe, packages.path());
+    EXPECT_EQ(sh(kBin + "selvane-pack sign --key " + dir + "/keys/release.pem " + path), 0);
+    return path;
   }
-  static fixtures::PackageRecipe withRandomData(const std::string& name, const std::string& version,
-                                                size_t bytes) {
+  std::string withRandomData(const std::string& name, const std::string& version, size_t bytes) {
     fixtures::PackageRecipe recipe;
     recipe.name = name;
     recipe.version = version;
     harness::shell("head -c " + std::to_string(bytes) + " /dev/urandom | base64 -w0",
                    &recipe.files["/usr/share/" + name + "/data"]);
-    return recipe;
+    return package(recipe);
   }
 
   harness::ScratchDir scratch, packages;
-  const std::string dir = scratch / "device", keys = " --keys " + dir + "/keys/trusted";
+  const std::string dir = scratch / "device", keys = " --keys " + dir + "/keys/trusted ";
+  const std::string release2 = dir + "/www/release-2.0/";
   const std::string setBootMode =
       "fw_setenv -c " + dir + "/env/fw_env.config -f " + dir + "/env/initial-env boot.bootmode ";
   bool created = false;
@@ -338,31 +285,32 @@ class UpdateEndToEnd : public ::testing::Test {
 
 }  // namespace
 
-// The road: hooks and settings from the configuration file, a boot switch that does not take,
+// The road: settings and hooks from the configuration file, a boot switch that does not take,
 // the install, its idempotent re-run, booting the new root, and a release that moves the shell.
 TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
-  const std::string hooks = dir + "/etc/selvane/hooks", log = dir + "/hooks.log";
+  const std::string hooks = dir + "/etc/selvane/hooks/", log = dir + "/hooks.log";
   harness::writeFile(dir + "/etc/selvane/update.conf", "manifest = " + url("release-2.0/manifest") +
                                                            "\nkeys = " + dir +
                                                            "/keys/trusted\nretries = 2\n");
-  const auto hook = [&](const std::string& name, const std::string& body, unsigned mode = 0755) {
-    harness::shell("mkdir -p " + hooks + "/" + name.substr(0, name.find('/')));
-    harness::writeFile(hooks + "/" + name, "#!/bin/sh\n" + body + "\n", mode);
-  };
   // What each hook sees; their output must stay off the JSON stream.
-  hook("pre-install.d/10-record",
-       "echo hello; test -d \"$SELVANE_OTHER_MOUNTPOINT/lost+found\" && echo \"$1 $SELVANE_RELEASE "
-       "$SELVANE_OTHER_ROOT mounted\" >>" +
-           log);
-  hook("pre-install.d/20-refuse", "exit 3");
-  hook("pre-install.d/15-not-executable", "exit 1", 0644);
-  hook("pre-install.d/.hidden", "exit 1");
-  hook("post-install.d/10-record", "echo \"$1 $SELVANE_RELEASE $SELVANE_OTHER_ROOT\" >>" + log);
-  hook("on-failure.d/10-record", "echo \"$1 $SELVANE_FAILURE $SELVANE_EXIT_CODE\" >>" + log);
+  const std::string to = " >>" + log;
+  for (const auto& [name, body] : std::map<std::string, std::string>{
+           {"pre-install.d/10-record",
+            "echo hello; test -d $SELVANE_OTHER_MOUNTPOINT/lost+found " +
+                ("&& echo $1 $SELVANE_RELEASE $SELVANE_OTHER_ROOT mounted" + to)},
+           {"pre-install.d/20-refuse", "exit 3"},
+           {"pre-install.d/.hidden", "exit 1"},
+           {"pre-install.d/15-not-executable", "exit 1"},
+           {"post-install.d/10-record", "echo $1 $SELVANE_RELEASE $SELVANE_OTHER_ROOT" + to},
+           {"on-failure.d/10-record", "echo $1 $SELVANE_FAILURE $SELVANE_EXIT_CODE" + to}}) {
+    sh("mkdir -p " + hooks + name.substr(0, name.find('/')));
+    harness::writeFile(hooks + name, "#!/bin/sh\n" + body + "\n",
+                       name.find("not-exec") == npos ? 0755 : 0644);
+  }
   expectFailure("--json install --timeout 0", 18,
                 "the pre-install hook /etc/selvane/hooks/pre-install.d/20-refuse exited with 3", "",
                 true);
-  ASSERT_EQ(unlink((hooks + "/pre-install.d/20-refuse").c_str()), 0);
+  ASSERT_EQ(unlink((hooks + "pre-install.d/20-refuse").c_str()), 0);
   // A boot environment that does not take the switch: the selection stays, and says so.
   const std::string env = dir + "/env";
   expectFailure("install --timeout 0", 13,
@@ -371,40 +319,36 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
 
   std::string out;
   ASSERT_EQ(update("--json install --timeout 0", &out), 0) << out;
-  EXPECT_NE(out.find("\"event\":\"switched\""), npos) << out;
-  EXPECT_NE(
-      bootProperties().find("boot.bootmode=main-B\nboot.knowngood=main-A\nboot.otaretrycount=2\n"),
-      npos);
+  EXPECT_HAS(out, R"("event":"switched")");
+  EXPECT_HAS(bootProperties(), "boot.bootmode=main-B\nboot.knowngood=main-A\nboot.otaretrycount=2");
   EXPECT_EQ(mounts().find("ota-mount"), npos) << "the other root is unmounted";
   EXPECT_EQ(harness::readFile(log),
             "pre-install 2.0 main-B mounted\non-failure pre-install-hook 18\n"
             "pre-install 2.0 main-B mounted\non-failure boot-switch 13\n"
             "pre-install 2.0 main-B mounted\npost-install 2.0 main-B\n");
-  EXPECT_NE(harness::readFile(dir + "/stderr").find("hello\n"), npos);
+  EXPECT_HAS(harness::readFile(dir + "/stderr"), "hello\n");
 
   // Again: nothing to download, nothing to write.
   const uint64_t bytes = served();
   const std::string state = untouchable(true);
   ASSERT_EQ(update("--json install", &out), 0) << out;
-  EXPECT_NE(out.find("\"event\":\"up-to-date\""), npos) << out;
+  EXPECT_HAS(out, R"("event":"up-to-date")");
   EXPECT_EQ(served(), bytes);
   EXPECT_EQ(untouchable(true), state);
   ASSERT_EQ(update("--log check", &out), 0);
-  EXPECT_NE(out.find("0 to install, 0 to remove, 4 unchanged"), npos) << out;
+  EXPECT_HAS(out, "0 to install, 0 to remove, 4 unchanged");
 
   // "Boot" main-B: the new release runs there, and marks itself known good.
-  ASSERT_EQ(sim("boot " + dir + " main-B -- /usr/bin/hello", &out), 0) << out;
-  EXPECT_NE(out.find("hello from release 2.0\nconfigured on"), npos) << out;
-  ASSERT_EQ(sim("boot " + dir + " main-B -- /run/selvane/selvane-update mark-good", &out), 0);
-  ASSERT_EQ(sim("boot " + dir + " main-B -- /run/selvane/selvane-update --json status", &out), 0);
+  const std::string boot = kSim + "boot " + dir + " main-B -- ";
+  ASSERT_EQ(sh(boot + "/usr/bin/hello", &out), 0) << out;
+  EXPECT_HAS(out, "hello from release 2.0\nconfigured on");
+  ASSERT_EQ(sh(boot + "/run/selvane/selvane-update mark-good", &out), 0) << out;
+  ASSERT_EQ(sh(boot + "/run/selvane/selvane-update --json status", &out), 0) << out;
   expectSchema(out);
-  EXPECT_NE(
-      out.find("\"current\":\"main-B\",\"other\":\"main-A\",\"current_release\":\"2.0\","
-               "\"other_release\":\"1.0\",\"update_in_progress\":false,\"update_step\":null,"
-               "\"boot\":{\"bootmode\":\"main-B\",\"otaretrycount\":2,\"knowngood\":"
-               "\"main-B\"},\"other_packages\":[{\"name\":\"base-files\",\"version\":\"1.0\"}"),
-      npos)
-      << out;
+  EXPECT_HAS(out, R"("current":"main-B","other":"main-A","current_release":"2.0","other_release":)"
+                  R"("1.0","update_in_progress":false,"update_step":null,"boot":{"bootmode":)"
+                  R"("main-B","otaretrycount":2,"knowngood":"main-B"},"other_packages":[{"name":)"
+                  R"("base-files","version":"1.0"})");
 
   // A release that drops hello and moves the shell from busybox to a package of another name:
   // the shell's old package goes last, after the installs, so that opkg never runs without it.
@@ -419,38 +363,28 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
   toolbox.links["/usr/bin/env"] = "../../bin/env";
   greeter.name = "greeter";
   greeter.executables["/usr/bin/hello"] = "#!/bin/sh\necho hello from greeter\n";
-  const std::string base = dir + "/www/release-2.0/";
-  publish("shell-moved",
-          {base + "base-files_*.ipk", base + "opkg_*.ipk", package(toolbox), package(greeter)},
+  publish("moved",
+          {release2 + "base-files_*", release2 + "opkg_*", package(toolbox), package(greeter)},
           false);
-  ASSERT_EQ(update(install("shell-moved"), &out), 0) << out;
-  EXPECT_NE(out.find("\"remove\":[{\"name\":\"hello\",\"version\":\"2.0\"},"
-                     "{\"name\":\"busybox\",\"version\":\"1.35.0\"}]"),
-            npos)
-      << out;
-  ASSERT_EQ(sim("boot " + dir + " main-B -- /usr/bin/hello", &out), 0) << out;
-  EXPECT_NE(out.find("hello from greeter"), npos) << out;
+  ASSERT_EQ(update(install("moved"), &out), 0) << out;
+  EXPECT_HAS(out, R"("remove":[{"name":"hello","version":"2.0"},)"
+                  R"({"name":"busybox","version":"1.35.0"}])");
+  ASSERT_EQ(sh(boot + "/usr/bin/hello", &out), 0) << out;
+  EXPECT_HAS(out, "hello from greeter");
   ASSERT_EQ(update("--json status", &out), 0) << out;
-  EXPECT_NE(out.find("\"other_packages\":[{\"name\":\"base-files\",\"version\":\"2.0\"},"
-                     "{\"name\":\"greeter\",\"version\":\"1.0\"},{\"name\":\"opkg\",\"version\":"
-                     "\"0.1\"},{\"name\":\"toolbox\",\"version\":\"1.0\"}]"),
-            npos)
-      << out;
+  EXPECT_HAS(out, R"("other_packages":[{"name":"base-files","version":"2.0"},{"name":"greeter",)"
+                  R"("version":"1.0"},{"name":"opkg","version":"0.1"},{"name":"toolbox",)");
 }
 
 // Every failure class that a server, a manifest, a package or a tampered main-B can cause: each
-// ends with its exit code, and with main-A, the boot properties and a host directory full of bait
-// (that the attacks aim at) as they were, and only checked packages in the cache.
+// ends with its exit code and message, with main-A, the boot properties and a host directory
+// full of bait (that the attacks aim at) as they were, and only checked packages in the cache.
 TEST_F(UpdateEndToEnd, EveryFailureLeavesTheRunningRootAndTheBootSelectionAlone) {
-  const std::string host = scratch / "host", otherKey = scratch / "other.pem";
-  ASSERT_EQ(harness::shell("mkdir -p " + host + "/var-lib/opkg " + host + "/tmp " + host +
-                           "/etc && for f in var-lib/opkg/status var-lib/opkg/lock tmp/bait "
-                           "etc/bait bait_x.ipk; do echo bait >" +
-                           host + "/$f; done && openssl genrsa -out " + otherKey + " 2048 2>&-"),
+  const std::string host = scratch / "host", www = dir + "/www/";
+  ASSERT_EQ(sh("mkdir -p " + host + "/etc " + host + "/tmp && for f in etc/bait tmp/bait " +
+               "bait_x.ipk; do echo bait >" + host + "/$f; done"),
             0);
   const std::string escape = "../../../../../../../.." + host;  // from the cache, onto HOST
-  const std::string www = dir + "/www/", release2 = www + "release-2.0/";
-  const auto fresh = [&](size_t size = 1000) { return package(withRandomData("x", "1.0", size)); };
   const auto named = [&](const std::string& name, const std::string& version) {
     fixtures::PackageRecipe recipe;
     recipe.name = "x";
@@ -460,116 +394,78 @@ TEST_F(UpdateEndToEnd, EveryFailureLeavesTheRunningRootAndTheBootSelectionAlone)
   };
   // A fresh main-B (of size, or the whole partition), changed by a shell command run at its top.
   const auto tamper = [&](const std::string& command, const std::string& size = "") {
-    const std::string mnt = dir + "/mnt/tamper";
     std::string out;
-    ASSERT_EQ(device("mkfs.ext3 -q -F /dev/disk/by-partlabel/main-B " + size + " && mkdir -p " +
-                         mnt + " && mount /dev/disk/by-partlabel/main-B " + mnt + " && cd " + mnt +
-                         " && " + command + " && cd / && umount " + mnt,
-                     &out),
+    const std::string mnt = dir + "/mnt/t";
+    ASSERT_EQ(sh("mkfs.ext3 -q -F /dev/disk/by-partlabel/main-B " + size + " && mkdir -p " + mnt +
+                     " && mount /dev/disk/by-partlabel/main-B " + mnt + " && cd " + mnt + " && " +
+                     command + " && cd / && umount " + mnt,
+                 &out, true),
               0)
         << out;
   };
-
-  // A package spoilt after (or, with before, before) its manifest is made.
-  const auto spoilt = [&](const std::string& release, std::function<void(std::string)> spoil,
-                          bool before = false) {
-    const std::string copy = packages / release + "_x_1.0_all.ipk", good = fresh(20000);
-    harness::shell("cp " + good + " " + copy);
-    if (before) spoil(copy);
-    publish(release, {copy});
-    if (!before) spoil(www + release + "/" + release + "_x_1.0_all.ipk");
+  // A release of one package F, spoilt by a command before its manifest is made, or after.
+  const auto spoilt = [&](const std::string& name, const std::string& before,
+                          const std::string& after) {
+    const std::string file = withRandomData(name, "1.0", 20000), f = " F=" + name + "_1.0_all.ipk";
+    sh("cd " + packages.path() + " &&" + f + " && " + before);
+    publish(name, {file});
+    sh("cd " + www + name + " &&" + f + " && " + after);
   };
-  // One byte of the random data changed, 1000 bytes before the signature's end.
-  const auto changeAByte = [](const std::string& f) {
-    harness::shell("printf X | dd of=" + f + " bs=1 seek=$(($(stat -c %s " + f +
-                   ") - 1000)) conv=notrunc 2>&-");
-  };
+  const std::string changeAByte =
+      "printf X | dd of=$F bs=1 conv=notrunc seek=$(($(stat -c %s $F) - 1000))";
   fixtures::PackageRecipe broken;  // a base whose check rejects the new root
   broken.name = "base-files";
   broken.version = "2.0-broken";
   broken.executables["/usr/local/bin/ota-sanity-check.sh"] = "#!/bin/sh\nexit 1\n";
+  fixtures::PackageRecipe sums;  // a checksum list that leads out of the root
+  sums.name = "sums";
+  sums.withSha256Sums = false;
+  sums.scripts["sha256sums"] = std::string(64, '0') + "  ../../dev/zero\n";
   fixtures::HttpTestServer server;
 
   struct Case {
     std::function<void()> prepare;
-    std::string arguments;  // after install: the release's manifest, or more
+    std::string arguments;  // a release's name, or the arguments of selvane-update
     int exitCode;
-    std::string message;
-    const char* counted = nullptr;  // a path on the test server, and how often it is asked for
+    std::string message, counted = "";  // a path on the test server, asked for requests times
     size_t requests = 0;
   };
-  const std::string plain = "install --allow-http --timeout 0" + keys + " --manifest ";
+  const std::string plain = "install --allow-http --timeout 0" + keys + "--manifest ";
+  const std::string x = "x_1.0_all.ipk";
+  const auto fresh = [&] { return withRandomData("x", "1.0", 1000); };
   const Case cases[] = {
-      {[&] { spoilt("tampered", changeAByte, true); }, "tampered", 7, "is not signed by any key"},
-      {[&] { spoilt("digest", changeAByte); }, "digest", 6, "does not match the manifest"},
-      {[&] { spoilt("truncated", [](std::string f) { harness::shell("truncate -s -10 " + f); }); },
-       "truncated", 5, "the manifest says"},
-      {[&] {
-         spoilt(
-             "unknown-key", [&](std::string f) { sign(f, otherKey); }, true);
-       },
-       "unknown-key", 7, "is not signed by any key"},
-      {[&] {  // members appended to a signed package
-         const std::string good = fresh(2000), evil = fresh();
-         harness::shell("cd " + packages.path() + " && ar x " + evil +
-                        " control.tar.gz data.tar.gz && ar q " + good +
-                        " control.tar.gz data.tar.gz");
-         publish("appended", {good});
-       },
-       "appended", 7, "x 1.0"},
+      {[&] { spoilt("tampered", changeAByte, "true"); }, "tampered", 7, "is not signed by any key"},
+      {[&] { spoilt("digest", "true", changeAByte); }, "digest", 6, "does not match the manifest"},
+      {[&] { spoilt("truncated", "true", "truncate -s -10 $F"); }, "truncated", 5, "manifest says"},
       {[&] { publish("name", {named(escape + "/bait", "x")}); }, "name", 3, "name of a package"},
       {[&] { publish("version", {named("x", "1.0/" + escape)}); }, "version", 3,
        "version of package x"},
-      {[&] { publish("unsigned", {}), std::remove((www + "unsigned/manifest.sig").c_str()); },
-       "unsigned", 7, "is not signed"},
-      {[&] { publish("missigned", {}, true, "", otherKey); }, "missigned", 7,
-       "is not signed by any key"},
+      {[&] { publish("unsigned", {}), sh("rm " + www + "unsigned/manifest.sig"); }, "unsigned", 7,
+       "is not signed"},
       {nullptr, install("release-2.0", "--allow-http --allow-unsigned-manifest"), 2,
        "--allow-http"},
       {[&] { publish("0.9", {}); }, "0.9", 17, "older than the running release 1.0"},
       {[&] {
-         publish("nocheck",
-                 {release2 + "busybox_1.35.0_all.ipk", release2 + "opkg_0.1_all.ipk",
-                  release2 + "hello_2.0_all.ipk"},
+         publish("nocheck", {release2 + "busybox_*", release2 + "opkg_*", release2 + "hello_*"},
                  false);
        },
        "nocheck", 12, "without /usr/local/bin/ota-sanity-check.sh"},
       {[&] { publish("broken", {package(broken)}); }, "broken", 12, "ota-sanity-check.sh in"},
-      {[&] {
-         fixtures::PackageRecipe recipe = withRandomData("sums", "1.0", 100);
-         recipe.withSha256Sums = false;
-         recipe.scripts["sha256sums"] = std::string(64, '0') + "  ../../dev/zero\n";
-         publish("sums", {package(recipe)});
-       },
-       "sums", 11, "do not match their packages"},
-      {[&] {
-         publish("oversize", {fresh()}),
-             harness::shell("truncate -s 200M " + www + "oversize/x_1.0_all.ipk");
-       },
+      {[&] { publish("sums", {package(sums)}); }, "sums", 11, "do not match their packages"},
+      {[&] { publish("oversize", {fresh()}), sh("truncate -s 200M " + www + "oversize/" + x); },
        "oversize", 5, "the transfer was stopped"},
-      {[&] {
-         publish("endless", {fresh()}, true, url("unsized/endless")),
-             harness::shell("truncate -s 1T " + www + "endless/x_1.0_all.ipk");
-       },
-       "endless", 5, "the transfer was stopped"},
-      {[&] {
-         harness::shell("mkdir -p " + www + "huge && truncate -s 300M " + www + "huge/manifest");
-       },
-       "huge", 5, "the transfer was stopped"},
+      {[&] { sh("mkdir -p " + www + "huge && truncate -s 300M " + www + "huge/manifest"); }, "huge",
+       5, "the transfer was stopped"},
       {[&] { publish("via-http", {fresh()}, true, url("to-http/via-http")); }, "via-http", 4,
-       "Protocol \\\"http\\\" not supported"},
-      {[&] { publish("via-ftp", {fresh()}, true, url("to-ftp/via-ftp")); }, "via-ftp", 4,
-       "Protocol \\\"ftp\\\" not supported"},
+       R"(Protocol \"http\" not supported)"},
       {[&] { publish("file-url", {fresh()}, true, "file://" + www + "file-url"); }, "file-url", 4,
-       "Protocol \\\"file\\\" not supported"},
+       R"(Protocol \"file\" not supported)"},
       {[&] { tamper("mkdir etc && ln -s " + host + "/etc/bait etc/selvane-release.new"); },
        "release-2.0", 16, "/etc/selvane-release.new"},
       {[&] { tamper("mkdir usr && ln -s " + host + "/tmp usr/share"); }, "release-2.0", 16,
        "/usr/share"},
-      {[&] {
-         tamper("mkdir -p usr/local && ln -s ../../../../../../../.." + host + " usr/local/bin");
-       },
-       "release-2.0", 16, "/usr/local/bin"},
+      {[&] { tamper("mkdir -p usr/local && ln -s " + escape + " usr/local/bin"); }, "release-2.0",
+       16, "/usr/local/bin"},
       // Transient failures are tried again, final answers are not, and a network that stays down
       // is a download failure (4), never a bad manifest (3). Plain output: the message on stderr.
       {nullptr, plain + server.url("/flaky/2/100"), 7, "is not signed", "/flaky/2/100", 3},
@@ -585,30 +481,26 @@ TEST_F(UpdateEndToEnd, EveryFailureLeavesTheRunningRootAndTheBootSelectionAlone)
     expectFailure(c.arguments.find(' ') != npos ? c.arguments : install(c.arguments), c.exitCode,
                   c.message);
     std::string cache;  // checked packages only: no manifest, no partial download
-    device("ls -A /var/cache/selvane", &cache);
+    sh("ls -A /var/cache/selvane", &cache, true);
     EXPECT_TRUE(std::regex_match(cache, std::regex("([0-9a-f]{64}[.]ipk\n)*"))) << cache;
-    if (c.counted == nullptr) continue;
     size_t requests = 0;
     for (const fixtures::RecordedRequest& request : server.requests())
-      requests += request.requestLine == "GET " + std::string(c.counted) + " HTTP/1.1";
+      requests += request.requestLine == "GET " + c.counted + " HTTP/1.1";
     EXPECT_EQ(requests, c.requests) << c.counted;
   }
 
   // A main-B too small for the release: refused before any download.
   tamper("true", "3M");
-  std::string out;
   const uint64_t bytes = served();
   expectFailure(install("release-2.0"), 19, "not enough space in /dev/disk/by-partlabel/main-B: ");
   EXPECT_EQ(served(), bytes);
-
   // Left pointing at a half-written main-B, the boot selection is pointed back first.
   tamper("true");
-  ASSERT_EQ(device(setBootMode + "main-B"), 0);
+  std::string out;
+  ASSERT_EQ(sh(setBootMode + "main-B", &out, true), 0) << out;
   EXPECT_EQ(update(install("broken"), &out), 12) << out;
-  EXPECT_NE(out.find("\"event\":\"boot-reset\""), npos) << out;
-  EXPECT_NE(bootProperties().find("boot.bootmode=main-A\nboot.knowngood=main-A\n"
-                                  "boot.otaretrycount=0\n"),
-            npos);
+  EXPECT_HAS(out, R"("event":"boot-reset")");
+  EXPECT_HAS(bootProperties(), "boot.bootmode=main-A\nboot.knowngood=main-A\nboot.otaretrycount=0");
   // Plain http and an older release, when the device's owner allows them.
   EXPECT_EQ(
       update(plain + "http://127.0.0.1:" + harness::readFile(dir + "/http-port").substr(0, 5) +
@@ -626,53 +518,43 @@ TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARerunResumesI
   std::string out;
   publish("2.0", {});  // main-B holds release 2.0 first: each release below adds one package
   ASSERT_EQ(update(install("2.0"), &out), 0) << out;
-  ASSERT_EQ(device(setBootMode + "main-A"), 0);
   for (const std::string name : {"resume", "restart"}) {
-    const std::string big = package(withRandomData("big", name, 1 << 20));
+    ASSERT_EQ(sh(setBootMode + "main-A", &out, true), 0) << out;
+    const std::string big = withRandomData("big", name, 1 << 20);
     const uint64_t size = harness::readFile(big).size();
     publish(name, {big}, true, url((name == "resume" ? "slow/" : "slow-norange/") + name));
     const std::string state = untouchable();
     {
       Background run(command(install(name, "--retries-download 1")));
-      ASSERT_TRUE(run.waitFor("\"event\":\"progress\""));
+      ASSERT_TRUE(run.waitFor(R"("event":"progress")"));
       if (name == "resume") {
         EXPECT_EQ(update(install(name), &out), 14);
-        EXPECT_NE(out.find("another selvane-update is running (it holds /run/lock/"), npos) << out;
+        EXPECT_HAS(out, "another selvane-update is running (it holds /run/lock/");
         // status neither waits for the lock nor takes it, and says why main-B is not shown.
         EXPECT_EQ(update("--json status", &out), 0) << out;
-        EXPECT_NE(out.find("\"update_in_progress\":true,\"update_step\":\"downloading\""), npos);
+        EXPECT_HAS(out, R"("update_in_progress":true,"update_step":"downloading")");
       }
-      ASSERT_EQ(sim("stop-server " + dir), 0);
+      ASSERT_EQ(sh(kSim + "stop-server " + dir), 0);
       EXPECT_EQ(run.wait(), 4);
     }
     EXPECT_EQ(untouchable(), state);
-    ASSERT_EQ(sim("start-server " + dir), 0);
+    ASSERT_EQ(sh(kSim + "start-server " + dir), 0);
     const uint64_t before = served("big_");
     if (name == "resume") {  // SIGTERM once the package is being installed into main-B
       Background run(command(install(name)));
-      ASSERT_TRUE(run.waitFor("\"event\":\"install\""));
+      ASSERT_TRUE(run.waitFor(R"("event":"install")"));
       ASSERT_EQ(kill(run.client(), SIGTERM), 0);
       EXPECT_EQ(run.wait(), 15);
       EXPECT_EQ(untouchable(), state);
       EXPECT_EQ(mounts().find("ota-mount"), npos);
-    } else {
-      EXPECT_EQ(update(install(name), &out), 0) << out;
     }
+    EXPECT_EQ(update(install(name), &out), 0) << out;
+    EXPECT_TRUE(bootsMainB());
     const uint64_t rerun = served("big_") - before;
-    std::printf("%s: the re-run fetched %llu bytes of a %llu-byte package cut part-way\n",
+    std::printf("%s: the re-runs fetched %llu bytes of a %llu-byte package cut part-way\n",
                 name.c_str(), static_cast<unsigned long long>(rerun),
                 static_cast<unsigned long long>(size));
-    if (name == "resume") {
-      EXPECT_GT(rerun, 0u);
-      EXPECT_LT(rerun, size);
-      // The checked download stays: the last try fetches nothing.
-      EXPECT_EQ(update(install(name), &out), 0) << out;
-      EXPECT_EQ(served("big_"), before + rerun);
-    } else {
-      EXPECT_EQ(rerun, size);
-    }
-    EXPECT_TRUE(bootsMainB());
-    ASSERT_EQ(device(setBootMode + "main-A"), 0);
+    EXPECT_TRUE(name == "resume" ? rerun > 0 && rerun < size : rerun == size) << rerun;
   }
 }
 
@@ -684,13 +566,13 @@ TEST_F(UpdateEndToEnd, KillAtRandomThenOneChangedPackage) {
   std::vector<std::string> first, second;
   for (int i = 1; i <= 16; ++i) {
     const std::string name = "app" + std::to_string(100 + i).substr(1);
-    first.push_back(package(withRandomData(name, "1.0", 24 << 10)));
-    second.push_back(i == 7 ? package(withRandomData(name, "2.0", 24 << 10)) : first.back());
+    first.push_back(withRandomData(name, "1.0", 24 << 10));
+    second.push_back(i == 7 ? withRandomData(name, "2.0", 24 << 10) : first.back());
   }
-  publish("twenty-1", first, true, url("slow/twenty-1"));  // downloads at 512 KiB/s: about 3 s
-  std::string release, out;
-  harness::shell("cat " + dir + "/www/twenty-1/*.ipk | wc -c", &release);
-  const uint64_t size = std::stoull(release);
+  publish("twenty", first, true, url("slow/twenty"));  // at 512 KiB/s: about 3 s
+  std::string out, files;
+  sh("cat " + dir + "/www/twenty/*.ipk | wc -c", &out);
+  const uint64_t size = std::stoull(out);
   // 30 moments drawn over the span of one full install here (about 6 s from its plan on),
   // sorted; each run is killed at the next one, counting only the time it works (from its plan).
   std::mt19937 random(20261125);
@@ -699,9 +581,9 @@ TEST_F(UpdateEndToEnd, KillAtRandomThenOneChangedPackage) {
   std::sort(moments.begin(), moments.end());
   int kills = 0, runs = 0;
   for (size_t i = 0; i <= moments.size(); ++i) {
-    Background run(command(install("twenty-1")) + " 2>/dev/null");
+    Background run(command(install("twenty")) + " 2>/dev/null");
     ++runs;
-    if (i < moments.size() && run.waitFor("\"event\":\"plan\"")) {
+    if (i < moments.size() && run.waitFor(R"("event":"plan")")) {
       std::this_thread::sleep_for(
           std::chrono::duration<double>(moments[i] - (i == 0 ? 0 : moments[i - 1])));
       kill(-run.pid, SIGKILL);
@@ -713,17 +595,17 @@ TEST_F(UpdateEndToEnd, KillAtRandomThenOneChangedPackage) {
         << "run " << runs << " (seed 20261125) after " << kills << " kills ended with " << status;
     if (bootsMainB()) {  // only once main-B holds the whole release
       ASSERT_EQ(update("--json status", &out), 0) << "run " << runs << out;
-      EXPECT_NE(out.find("\"other_release\":\"twenty-1\""), npos) << "run " << runs << out;
+      EXPECT_HAS(out, R"("other_release":"twenty")");
     }
   }
   ASSERT_EQ(update("--json status", &out), 0) << out;
-  const nlohmann::json status = nlohmann::json::parse(out);
-  EXPECT_EQ(status["other_release"], "twenty-1");
+  const json status = json::parse(out);
+  EXPECT_EQ(status["other_release"], "twenty");
   EXPECT_EQ(status["boot"]["bootmode"], "main-B");
-  std::string listed, files;
-  for (const auto& p : status["other_packages"])
+  std::string listed;
+  for (const json& p : status["other_packages"])
     listed += p["name"].get<std::string>() + "_" + p["version"].get<std::string>() + "_all.ipk\n";
-  harness::shell("ls " + dir + "/www/twenty-1 | grep ipk", &files);
+  sh("ls " + dir + "/www/twenty | grep ipk", &files);
   EXPECT_EQ(listed, files);
   const uint64_t fetched = served();
   const auto grouped = [](uint64_t n) {
@@ -744,5 +626,5 @@ TEST_F(UpdateEndToEnd, KillAtRandomThenOneChangedPackage) {
               static_cast<unsigned long long>(downloaded), static_cast<unsigned long long>(changed),
               static_cast<double>(downloaded) / static_cast<double>(changed));
   EXPECT_LE(static_cast<double>(downloaded), 1.05 * static_cast<double>(changed));
-  EXPECT_NE(out.find("\"install\":[{\"name\":\"app07\",\"version\":\"2.0\","), npos) << out;
+  EXPECT_HAS(out, R"("install":[{"name":"app07","version":"2.0",)");
 }
