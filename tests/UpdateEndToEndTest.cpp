@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
@@ -97,22 +95,12 @@ void expectSchema(const std::string& out) {
 // A command in the background, in a process group of its own; its output is read line by line.
 class Background {
  public:
-  explicit Background(const std::string& command) {
-    int fds[2];
-    if (pipe(fds) != 0) throw std::runtime_error("pipe");
-    if ((pid = fork()) == 0) {
-      setpgid(0, 0);
-      dup2(fds[1], STDOUT_FILENO);
-      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-      _exit(127);
-    }
-    setpgid(pid, pid);
-    close(fds[1]);
-    out = fdopen(fds[0], "r");
+  explicit Background(const std::string& command)
+      : out(popen(("exec setsid sh -c " + quote("echo $$; exec " + command)).c_str(), "r")) {
+    if (fscanf(out, "%d\n", &pid) != 1) throw std::runtime_error("cannot start " + command);
   }
   ~Background() {
-    if (pid > 0) kill(-pid, SIGKILL), wait();
-    fclose(out);
+    if (out != nullptr) kill(-pid, SIGKILL), wait();
   }
   // Reads lines until one contains text; false at the end of the output.
   bool waitFor(const std::string& text) {
@@ -121,27 +109,14 @@ class Background {
       if (std::string(line).find(text) != npos) return true;
     return false;
   }
-  // selvane-update among the processes of this command.
-  pid_t client() const {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-      std::ifstream stat(entry.path() / "stat");
-      std::string id, comm, state;
-      pid_t parent, group;
-      if (stat >> id >> comm >> state >> parent >> group && comm == "(selvane-update)" &&
-          group == pid)
-        return std::stoi(id);
-    }
-    return -1;
-  }
   int wait() {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    pid = -1;
+    const int status = pclose(out);
+    out = nullptr;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
 
-  pid_t pid = -1;
-  FILE* out = nullptr;
+  pid_t pid = -1;  // of the process group
+  FILE* out;
 };
 
 // Each test has a simulated device: release 1.0 runs from main-A, release 2.0 is served.
@@ -171,11 +146,10 @@ class UpdateEndToEnd : public ::testing::Test {
     if (out != nullptr) *out = output;
     return status;
   }
-  // selvane-update on the device, after a command of its own (in a mount namespace of its own).
+  // selvane-update on the device, after a shell command of its own.
   std::string command(const std::string& arguments, const std::string& before = "") const {
-    const std::string update = kBin + "selvane-update " + arguments;
-    return kSim + "run " + dir + " -- " +
-           (before.empty() ? update : "unshare -m sh -c " + quote(before + update));
+    return kSim + "run " + dir + " -- sh -c " +
+           quote(before + kBin + "selvane-update " + arguments);
   }
   // A JSON run's standard output only, checked against the schema; standard error too otherwise.
   int update(const std::string& arguments, std::string* out = nullptr,
@@ -316,6 +290,7 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
   expectFailure("install --timeout 0", 13,
                 "the previous selection boot.bootmode=main-A, boot.otaretrycount=0 is back",
                 "mount --bind " + env + " " + env + " && mount -o remount,ro,bind " + env + " && ");
+  ASSERT_EQ(sh("umount " + env, nullptr, true), 0);
 
   std::string out;
   ASSERT_EQ(update("--json install --timeout 0", &out), 0) << out;
@@ -380,104 +355,92 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
 // ends with its exit code and message, with main-A, the boot properties and a host directory
 // full of bait (that the attacks aim at) as they were, and only checked packages in the cache.
 TEST_F(UpdateEndToEnd, EveryFailureLeavesTheRunningRootAndTheBootSelectionAlone) {
-  const std::string host = scratch / "host", www = dir + "/www/";
-  ASSERT_EQ(sh("mkdir -p " + host + "/etc " + host + "/tmp && for f in etc/bait tmp/bait " +
-               "bait_x.ipk; do echo bait >" + host + "/$f; done"),
-            0);
+  const std::string host = scratch / "host", www = dir + "/www/", x = "/x_1.0_all.ipk";
+  ASSERT_EQ(sh("mkdir -p " + host + "/etc && echo bait >" + host + "/etc/bait"), 0);
   const std::string escape = "../../../../../../../.." + host;  // from the cache, onto HOST
-  const auto named = [&](const std::string& name, const std::string& version) {
-    fixtures::PackageRecipe recipe;
-    recipe.name = "x";
-    recipe.rawControl = "Package: " + name + "\nVersion: " + version +
-                        "\nArchitecture: all\nMaintainer: x\nDescription: x\n";
-    return package(recipe);
-  };
   // A fresh main-B (of size, or the whole partition), changed by a shell command run at its top.
   const auto tamper = [&](const std::string& command, const std::string& size = "") {
-    std::string out;
     const std::string mnt = dir + "/mnt/t";
     ASSERT_EQ(sh("mkfs.ext3 -q -F /dev/disk/by-partlabel/main-B " + size + " && mkdir -p " + mnt +
                      " && mount /dev/disk/by-partlabel/main-B " + mnt + " && cd " + mnt + " && " +
                      command + " && cd / && umount " + mnt,
-                 &out, true),
-              0)
-        << out;
+                 nullptr, true),
+              0);
   };
-  // A release of one package F, spoilt by a command before its manifest is made, or after.
-  const auto spoilt = [&](const std::string& name, const std::string& before,
-                          const std::string& after) {
-    const std::string file = withRandomData(name, "1.0", 20000), f = " F=" + name + "_1.0_all.ipk";
-    sh("cd " + packages.path() + " &&" + f + " && " + before);
-    publish(name, {file});
-    sh("cd " + www + name + " &&" + f + " && " + after);
+  // Releases of one package x each, some spoilt after they were made.
+  const auto fresh = [&] { return withRandomData("x", "1.0", 20000); };
+  const auto changeAByte = [&](const std::string& f) {  // one byte of the random data
+    return sh("printf X | dd bs=1 conv=notrunc of=" + f + " seek=$(($(stat -c %s " + f +
+              ") - 1000))");
   };
-  const std::string changeAByte =
-      "printf X | dd of=$F bs=1 conv=notrunc seek=$(($(stat -c %s $F) - 1000))";
-  fixtures::PackageRecipe broken;  // a base whose check rejects the new root
-  broken.name = "base-files";
+  for (const std::string name : {"digest", "truncated", "oversize", "via-http", "file-url"})
+    publish(name, {fresh()}, true,
+            name == "via-http"   ? url("to-http/via-http")
+            : name == "file-url" ? "file://" + www + name
+                                 : "");
+  changeAByte(www + "digest" + x);
+  sh("truncate -s -10 " + www + "truncated" + x + " && truncate -s 200M " + www + "oversize" + x);
+  const std::string tampered = fresh();
+  changeAByte(tampered);
+  publish("tampered", {tampered});
+  fixtures::PackageRecipe named, broken, sums;
+  named.name = "x";
+  named.rawControl = "Package: " + escape +
+                     "/bait\nVersion: 1\nArchitecture: all\nMaintainer: x\nDescription: x\n";
+  publish("name", {package(named)});
+  publish("unsigned", {});
+  sh("rm " + www + "unsigned/manifest.sig && mkdir " + www + "huge && truncate -s 300M " + www +
+     "huge/manifest");
+  publish("0.9", {});
+  publish("nocheck", {release2 + "busybox_*", release2 + "opkg_*", release2 + "hello_*"}, false);
+  broken.name = "base-files";  // a base whose check rejects the new root
   broken.version = "2.0-broken";
   broken.executables["/usr/local/bin/ota-sanity-check.sh"] = "#!/bin/sh\nexit 1\n";
-  fixtures::PackageRecipe sums;  // a checksum list that leads out of the root
-  sums.name = "sums";
+  publish("broken", {package(broken)});
+  sums.name = "sums";  // a checksum list that leads out of the root
   sums.withSha256Sums = false;
   sums.scripts["sha256sums"] = std::string(64, '0') + "  ../../dev/zero\n";
+  publish("sums", {package(sums)});
   fixtures::HttpTestServer server;
 
-  struct Case {
-    std::function<void()> prepare;
+  const std::string plain = "install --allow-http --timeout 0" + keys + "--manifest ";
+  const struct {
     std::string arguments;  // a release's name, or the arguments of selvane-update
     int exitCode;
-    std::string message, counted = "";  // a path on the test server, asked for requests times
-    size_t requests = 0;
-  };
-  const std::string plain = "install --allow-http --timeout 0" + keys + "--manifest ";
-  const std::string x = "x_1.0_all.ipk";
-  const auto fresh = [&] { return withRandomData("x", "1.0", 1000); };
-  const Case cases[] = {
-      {[&] { spoilt("tampered", changeAByte, "true"); }, "tampered", 7, "is not signed by any key"},
-      {[&] { spoilt("digest", "true", changeAByte); }, "digest", 6, "does not match the manifest"},
-      {[&] { spoilt("truncated", "true", "truncate -s -10 $F"); }, "truncated", 5, "manifest says"},
-      {[&] { publish("name", {named(escape + "/bait", "x")}); }, "name", 3, "name of a package"},
-      {[&] { publish("version", {named("x", "1.0/" + escape)}); }, "version", 3,
-       "version of package x"},
-      {[&] { publish("unsigned", {}), sh("rm " + www + "unsigned/manifest.sig"); }, "unsigned", 7,
-       "is not signed"},
-      {nullptr, install("release-2.0", "--allow-http --allow-unsigned-manifest"), 2,
-       "--allow-http"},
-      {[&] { publish("0.9", {}); }, "0.9", 17, "older than the running release 1.0"},
-      {[&] {
-         publish("nocheck", {release2 + "busybox_*", release2 + "opkg_*", release2 + "hello_*"},
-                 false);
-       },
-       "nocheck", 12, "without /usr/local/bin/ota-sanity-check.sh"},
-      {[&] { publish("broken", {package(broken)}); }, "broken", 12, "ota-sanity-check.sh in"},
-      {[&] { publish("sums", {package(sums)}); }, "sums", 11, "do not match their packages"},
-      {[&] { publish("oversize", {fresh()}), sh("truncate -s 200M " + www + "oversize/" + x); },
-       "oversize", 5, "the transfer was stopped"},
-      {[&] { sh("mkdir -p " + www + "huge && truncate -s 300M " + www + "huge/manifest"); }, "huge",
-       5, "the transfer was stopped"},
-      {[&] { publish("via-http", {fresh()}, true, url("to-http/via-http")); }, "via-http", 4,
-       R"(Protocol \"http\" not supported)"},
-      {[&] { publish("file-url", {fresh()}, true, "file://" + www + "file-url"); }, "file-url", 4,
-       R"(Protocol \"file\" not supported)"},
-      {[&] { tamper("mkdir etc && ln -s " + host + "/etc/bait etc/selvane-release.new"); },
-       "release-2.0", 16, "/etc/selvane-release.new"},
-      {[&] { tamper("mkdir usr && ln -s " + host + "/tmp usr/share"); }, "release-2.0", 16,
-       "/usr/share"},
-      {[&] { tamper("mkdir -p usr/local && ln -s " + escape + " usr/local/bin"); }, "release-2.0",
-       16, "/usr/local/bin"},
+    std::string message, tamper = "", counted = "";  // a path on the test server, asked for
+    size_t requests = 0;                             // requests times
+  } cases[] = {
+      {"tampered", 7, "is not signed by any key"},
+      {"digest", 6, "does not match the manifest"},
+      {"truncated", 5, "the manifest says"},
+      {"oversize", 5, "the transfer was stopped"},
+      {"huge", 5, "the transfer was stopped"},
+      {"name", 3, "name of a package"},
+      {"unsigned", 7, "is not signed"},
+      {install("release-2.0", "--allow-http --allow-unsigned-manifest"), 2, "--allow-http"},
+      {"0.9", 17, "older than the running release 1.0"},
+      {"nocheck", 12, "without /usr/local/bin/ota-sanity-check.sh"},
+      {"broken", 12, "ota-sanity-check.sh in"},
+      {"sums", 11, "do not match their packages"},
+      {"via-http", 4, R"(Protocol \"http\" not supported)"},
+      {"file-url", 4, R"(Protocol \"file\" not supported)"},
+      {"release-2.0", 16, "/etc/selvane-release.new",
+       "mkdir etc && ln -s " + host + "/etc/bait etc/selvane-release.new"},
+      {"release-2.0", 16, "/usr/share", "mkdir usr && ln -s " + host + "/etc usr/share"},
+      {"release-2.0", 16, "/usr/local/bin",
+       "mkdir -p usr/local && ln -s " + escape + " usr/local/bin"},
       // Transient failures are tried again, final answers are not, and a network that stays down
       // is a download failure (4), never a bad manifest (3). Plain output: the message on stderr.
-      {nullptr, plain + server.url("/flaky/2/100"), 7, "is not signed", "/flaky/2/100", 3},
-      {nullptr, plain + server.url("/status/404"), 3, "404", "/status/404", 1},
-      {nullptr, plain + server.url("/status/429") + " --retries-download 1", 4, "(2 tries)",
+      {plain + server.url("/flaky/2/100"), 7, "is not signed", "", "/flaky/2/100", 3},
+      {plain + server.url("/status/404"), 3, "404", "", "/status/404", 1},
+      {plain + server.url("/status/429") + " --retries-download 1", 4, "(2 tries)", "",
        "/status/429", 2},
-      {nullptr, plain + server.url("/stall/100") + " --retries-download 1 --stall-timeout 1", 4,
-       "nothing arrived for 1 s", "/stall/100", 2},
-      {nullptr, plain + "http://127.0.0.1:1/manifest --retries-download 0", 4, "(1 tries)"},
+      {plain + server.url("/stall/100") + " --retries-download 1 --stall-timeout 1", 4,
+       "nothing arrived for 1 s", "", "/stall/100", 2},
+      {plain + "http://127.0.0.1:1/manifest --retries-download 0", 4, "(1 tries)"},
   };
-  for (const Case& c : cases) {
-    if (c.prepare) c.prepare();
+  for (const auto& c : cases) {
+    if (!c.tamper.empty()) tamper(c.tamper);
     expectFailure(c.arguments.find(' ') != npos ? c.arguments : install(c.arguments), c.exitCode,
                   c.message);
     std::string cache;  // checked packages only: no manifest, no partial download
@@ -541,9 +504,9 @@ TEST_F(UpdateEndToEnd, AServerThatDiesMidDownloadFailsTheUpdateAndARerunResumesI
     ASSERT_EQ(sh(kSim + "start-server " + dir), 0);
     const uint64_t before = served("big_");
     if (name == "resume") {  // SIGTERM once the package is being installed into main-B
-      Background run(command(install(name)));
+      Background run(command(install(name), "echo $$ >" + dir + "/pid && exec "));
       ASSERT_TRUE(run.waitFor(R"("event":"install")"));
-      ASSERT_EQ(kill(run.client(), SIGTERM), 0);
+      ASSERT_EQ(kill(std::stoi(harness::readFile(dir + "/pid")), SIGTERM), 0);
       EXPECT_EQ(run.wait(), 15);
       EXPECT_EQ(untouchable(), state);
       EXPECT_EQ(mounts().find("ota-mount"), npos);
