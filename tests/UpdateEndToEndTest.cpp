@@ -209,13 +209,11 @@ class UpdateEndToEnd : public ::testing::Test {
   }
   // Bytes of packages (whose URL holds name) that the server sent.
   uint64_t served(const std::string& name = "") const {
-    std::ifstream log(dir + "/nginx/logs/access.log");
-    std::string uri, status;
-    uint64_t bytes, total = 0;
-    while (log >> uri >> status >> bytes)
-      if (uri.size() > 4 && uri.compare(uri.size() - 4, 4, ".ipk") == 0 && uri.find(name) != npos)
-        total += bytes;
-    return total;
+    std::string out;
+    sh("awk '$1 ~ /" + name + ".*[.]ipk$/ { n += $3 } END { print n + 0 }' " + dir +
+           "/nginx/logs/access.log",
+       &out);
+    return std::stoull(out);
   }
   // Publishes release NAME under www/NAME, its manifest signed with the release key: release 2.0's
   // packages (unless not keepBase), replaced or joined by others, served from base (or www/NAME).
@@ -327,19 +325,18 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
 
   // A release that drops hello and moves the shell from busybox to a package of another name:
   // the shell's old package goes last, after the installs, so that opkg never runs without it.
-  fixtures::PackageRecipe toolbox, greeter;
-  toolbox.name = "toolbox";
-  toolbox.executables["/bin/busybox"] = harness::readFile("/bin/busybox");
-  std::istringstream applets(
-      "sh ash echo cat env ls mkdir rm rmdir cp mv test [ sha256sum sed grep awk sleep true false "
-      "id pwd printf touch ln readlink head tail wc tr cut sort uname chmod find xargs stat mktemp "
-      "basename dirname tar gzip gunzip zcat ar expr date kill uniq od dd sync");
-  for (std::string applet; applets >> applet;) toolbox.links["/bin/" + applet] = "busybox";
-  toolbox.links["/usr/bin/env"] = "../../bin/env";
+  const std::string toolbox = packages / "toolbox_1.0_all.ipk";  // busybox under another name
+  ASSERT_EQ(sh("mkdir " + packages / "t" + " && cd " + packages / "t" + " && ar x " + release2 +
+               "busybox_1.35.0_all.ipk && mkdir c && tar xzf control.tar.gz -C c && sed -i "
+               "'/^Package:/cPackage: toolbox' c/control && tar czf control.tar.gz -C c . && "
+               "ar rc " +
+               toolbox + " debian-binary control.tar.gz data.tar.gz && " + kBin +
+               "selvane-pack sign --key " + dir + "/keys/release.pem " + toolbox),
+            0);
+  fixtures::PackageRecipe greeter;
   greeter.name = "greeter";
   greeter.executables["/usr/bin/hello"] = "#!/bin/sh\necho hello from greeter\n";
-  publish("moved",
-          {release2 + "base-files_*", release2 + "opkg_*", package(toolbox), package(greeter)},
+  publish("moved", {release2 + "base-files_*", release2 + "opkg_*", toolbox, package(greeter)},
           false);
   ASSERT_EQ(update(install("moved"), &out), 0) << out;
   EXPECT_HAS(out, R"("remove":[{"name":"hello","version":"2.0"},)"
@@ -533,7 +530,7 @@ TEST_F(UpdateEndToEnd, KillAtRandomThenOneChangedPackage) {
     second.push_back(i == 7 ? withRandomData(name, "2.0", 24 << 10) : first.back());
   }
   publish("twenty", first, true, url("slow/twenty"));  // at 512 KiB/s: about 3 s
-  std::string out, files;
+  std::string out;
   sh("cat " + dir + "/www/twenty/*.ipk | wc -c", &out);
   const uint64_t size = std::stoull(out);
   // 30 moments drawn over the span of one full install here (about 6 s from its plan on),
@@ -562,14 +559,8 @@ TEST_F(UpdateEndToEnd, KillAtRandomThenOneChangedPackage) {
     }
   }
   ASSERT_EQ(update("--json status", &out), 0) << out;
-  const json status = json::parse(out);
-  EXPECT_EQ(status["other_release"], "twenty");
-  EXPECT_EQ(status["boot"]["bootmode"], "main-B");
-  std::string listed;
-  for (const json& p : status["other_packages"])
-    listed += p["name"].get<std::string>() + "_" + p["version"].get<std::string>() + "_all.ipk\n";
-  sh("ls " + dir + "/www/twenty | grep ipk", &files);
-  EXPECT_EQ(listed, files);
+  EXPECT_HAS(out, R"("other_release":"twenty","update_in_progress":false,"update_step":null,)"
+                  R"("boot":{"bootmode":"main-B")");
   const uint64_t fetched = served();
   const auto grouped = [](uint64_t n) {
     std::string text = std::to_string(n);
@@ -590,4 +581,7 @@ TEST_F(UpdateEndToEnd, KillAtRandomThenOneChangedPackage) {
               static_cast<double>(downloaded) / static_cast<double>(changed));
   EXPECT_LE(static_cast<double>(downloaded), 1.05 * static_cast<double>(changed));
   EXPECT_HAS(out, R"("install":[{"name":"app07","version":"2.0",)");
+  // The other 19 were all in main-B at the release's versions.
+  const size_t plan = out.find(R"({"schema":1,"event":"plan")");
+  EXPECT_EQ(json::parse(out.substr(plan, out.find('\n', plan) - plan))["unchanged"].size(), 19u);
 }
