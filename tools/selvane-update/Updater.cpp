@@ -95,10 +95,10 @@ bool lockHeld(const std::string& path, std::string& step) {
   return false;
 }
 
-// A run that was killed (SIGKILL) leaves the other root mounted
-// on its temporary directory, perhaps read-write, and the kernel then refuses a read-only mount of
-// it. Only a dead run's mounts can be there: the caller holds the update lock, or status saw it
-// free. They are detached, and their directories removed; mounts made by anyone else are not ours.
+// A run that was killed (SIGKILL) leaves the other root mounted on its temporary directory,
+// perhaps read-write, and the kernel then refuses a read-only mount of it. Only a dead run's mounts
+// can be there: the caller holds the update lock, or status saw it free. They are detached, and
+// their directories removed; mounts made by anyone else are not ours.
 void detachLeftoverMounts(const std::string& device) {
   struct stat st;
   if (stat(device.c_str(), &st) != 0) return;
