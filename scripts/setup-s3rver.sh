@@ -1,14 +1,14 @@
 #!/bin/bash
-# Installs what the signed-download tests run from the npm registry into tests/s3rver/node_modules
-# (git-ignored): s3rver, a fake S3 server, and aws-sdk, whose S3 signer cross-checks ours. Run once
-# before the suite (scripts/test.sh does); a second run only re-checks the installed copy.
+# Installs what the signed-download test runs from the npm registry into tests/s3rver/node_modules
+# (git-ignored): s3rver, a fake S3 server. Run once before the suite (scripts/test.sh does); a
+# second run only re-checks the installed copy.
 set -euo pipefail
 cd "$(dirname "$0")/../tests/s3rver"
 
 installedVersion() { node -p "require('./node_modules/$1/package.json').version" 2>/dev/null || true; }
 
-if [ "$(installedVersion s3rver)" != 3.7.1 ] || [ "$(installedVersion aws-sdk)" != 2.1693.0 ]; then
-  echo "setup-s3rver: installing s3rver and aws-sdk into $PWD/node_modules"
+if [ "$(installedVersion s3rver)" != 3.7.1 ]; then
+  echo "setup-s3rver: installing s3rver into $PWD/node_modules"
   npm install --no-audit --no-fund --no-package-lock --loglevel=error
 fi
 
