@@ -116,28 +116,20 @@ TEST_F(FileDownloaderTest, BadDestinationsAreReturnedBeforeATransfer) {
   EXPECT_EQ(server.requests().size(), 0u);
 }
 
-void capped(FileDownloader& downloader) { downloader.setMaximumFileSize(1000); }
-
 TEST_F(FileDownloaderTest, FailuresAndStatusesOtherThan200AreThrownAfterTheBodyIsWritten) {
   const struct {
     std::string path;
     CURLcode curlCode;  // CURLE_OK for an HttpError, or with status 200 for success
     long status;
     std::string body;  // what the destination holds afterwards
-    void (*policy)(FileDownloader&);
   } cases[] = {
-      {"/redirect/10", CURLE_OK, 200, "arrived", nullptr},
-      {"/status/206", CURLE_OK, 206, "status 206", nullptr},
-      {"/redirect/11", CURLE_TOO_MANY_REDIRECTS, 302, "", nullptr},
-      {"/redirect/1", CURLE_UNSUPPORTED_PROTOCOL, 302, "",
-       [](FileDownloader& d) { d.setAllowedProtocols("", "https"); }},
-      {"/ok/1000", CURLE_OK, 200, patternBody(1000), capped},
-      {"/ok/1001", CURLE_FILESIZE_EXCEEDED, 200, "", capped},
+      {"/redirect/10", CURLE_OK, 200, "arrived"},
+      {"/status/206", CURLE_OK, 206, "status 206"},
+      {"/redirect/11", CURLE_TOO_MANY_REDIRECTS, 302, ""},
   };
   for (const auto& c : cases) {
     harness::writeFile(dir / "out", "old content");
     FileDownloader d;
-    if (c.policy != nullptr) c.policy(d);
     harness::LogCapture log;
     const bool ok = c.curlCode == CURLE_OK && c.status == 200;
     const std::string url = server.url(c.path);
@@ -177,30 +169,18 @@ TEST_F(FileDownloaderTest, HttpsNeedsATrustedCertificateForTheHostAndTheMinimumT
             0);
   fixtures::NginxServer nginx({{crt, key, "TLSv1.2"}});
   harness::writeFile(nginx.docroot() + "/pkg", "package");
-  using TLS = FileDownloader::TLSVersion;
-  const struct {
-    std::string url;
-    TLS tls;
-    CURLcode expected;
-  } cases[] = {
-      {nginx.httpsUrl(0, "/pkg"), TLS::Default, CURLE_PEER_FAILED_VERIFICATION},  // not yet
-      {nginx.httpsUrl(0, "/pkg"), TLS::Default, CURLE_OK},
-      {nginx.httpsUrl(0, "/pkg", "127.0.0.1"), TLS::Default, CURLE_PEER_FAILED_VERIFICATION},
-      {nginx.httpsUrl(0, "/pkg"), TLS::TLSv1_3, CURLE_SSL_CONNECT_ERROR},
+  const auto failure = [&](FileDownloader& d, const std::string& host) {
+    return thrownBy([&] { d.download(nginx.httpsUrl(0, "/pkg", host), dir / "out"); }).curlCode;
   };
-  for (const auto& c : cases) {
-    FileDownloader policed;
-    policed.setMinimumTLSVersion(c.tls);
-    const Error result = c.expected == CURLE_OK
-                             ? policed.download(c.url, dir / "out")
-                             : thrownBy([&] { policed.download(c.url, dir / "out"); });
-    EXPECT_EQ(result.curlCode, c.expected) << c.url << " " << result.errorString();
-    EXPECT_EQ(harness::readFile(dir / "out"), c.expected ? "" : "package") << c.url;
-    if (&c == &cases[0]) {
-      harness::writeFile(dir / "bundle", harness::readFile(bundle) + harness::readFile(crt));
-      ASSERT_EQ(mount((dir / "bundle").c_str(), bundle.c_str(), nullptr, MS_BIND, nullptr), 0);
-    }
-  }
+  EXPECT_EQ(failure(downloader, "localhost"), CURLE_PEER_FAILED_VERIFICATION);  // not yet trusted
+  harness::writeFile(dir / "bundle", harness::readFile(bundle) + harness::readFile(crt));
+  ASSERT_EQ(mount((dir / "bundle").c_str(), bundle.c_str(), nullptr, MS_BIND, nullptr), 0);
+  EXPECT_EQ(downloader.download(nginx.httpsUrl(0, "/pkg"), dir / "out").code, Error::NoError);
+  EXPECT_EQ(harness::readFile(dir / "out"), "package");
+  EXPECT_EQ(failure(downloader, "127.0.0.1"), CURLE_PEER_FAILED_VERIFICATION);
+  FileDownloader strict;
+  strict.setMinimumTLSVersion(FileDownloader::TLSVersion::TLSv1_3);
+  EXPECT_EQ(failure(strict, "localhost"), CURLE_SSL_CONNECT_ERROR);  // the server stops at 1.2
   umount2(bundle.c_str(), MNT_DETACH);
 }
 
@@ -218,25 +198,18 @@ TEST_F(FileDownloaderTest, ZorvelPathAndDescriptorDownloadsAreSignedOnceCallback
                           .authorizeRequest(zorvelauth::Request::createGETRequest(
                               zorvelauth::CanonicalizedResource(server.url(path)), dates[0]))});
   };
-  harness::LogCapture log;
-  signer.setHeader("X-Caller", "kept", true);
-  signer.setHeader("date", "caller's own", true);  // replaced by the signing
   ASSERT_EQ(signer.download(server.url("/ok/100"), dir / "out").code, Error::NoError);
   EXPECT_EQ(harness::readFile(dir / "out"), patternBody(100));
   expectSignedOnce("/ok/100");
-  // The path download signs, and so does the descriptor download it makes.
-  EXPECT_EQ(log.startingWith("D selvane:setHeader:name=authorization,").size(), 2u);
   ASSERT_EQ(signer.download(server.url("/ok/1"), &receive, nullptr).code, Error::NoError);
-  EXPECT_EQ(sent("date"), Strings{});  // one-shot
-  EXPECT_EQ(sent("X-Caller"), Strings{"kept"});
+  EXPECT_EQ(sent("date"), Strings{});  // one-shot, and not made for callback downloads
+  EXPECT_EQ(sent("authorization"), Strings{});
   const int fd = open((dir / "out").c_str(), O_WRONLY | O_CLOEXEC);
   signer.setPOST("query");
   ASSERT_EQ(signer.download(server.url("/echo"), fd).code, Error::NoError);
   close(fd);
   EXPECT_EQ(server.lastRequest().method(), "POST");  // under a GET signature
   expectSignedOnce("/echo");
-  EXPECT_THROW(signer.download("not a url", dir / "new"), std::invalid_argument);
-  EXPECT_NE(access((dir / "new").c_str(), F_OK), 0);
 }
 
 // s3rver (tests/s3rver, from the npm registry, with a fix: scripts/setup-s3rver.sh) as a child,
@@ -256,19 +229,11 @@ TEST(ZorvelS3rver, ACorrectSignatureFetchesTheObjectAndBadOnesGetTheServers403) 
       [&] { return harness::shell("curl -sf -T " + dir / "upload" + " " + url) == 0; }, 15000))
       << fixtures::slurp(dir / "log");
 
-  const std::pair<zorvelauth::Credentials, const char*> cases[] = {
-      {{"S3RVER", "S3RVER"}, nullptr},
-      {{"S3RVER", "wrong secret"}, "SignatureDoesNotMatch"},
-  };
-  for (const auto& c : cases) {
-    selvane::ZorvelFileDownloader downloader(c.first);
-    const Error result = c.second == nullptr
-                             ? downloader.download(url, dir / "pkg")
-                             : thrownBy([&] { downloader.download(url, dir / "pkg"); });
-    EXPECT_EQ(result.message, c.second == nullptr ? "OK" : "403");
-    const std::string body = harness::readFile(dir / "pkg");
-    EXPECT_TRUE(c.second ? body.find(c.second) != std::string::npos : body == patternBody(100000));
-  }
+  selvane::ZorvelFileDownloader good({"S3RVER", "S3RVER"}), bad({"S3RVER", "wrong secret"});
+  ASSERT_EQ(good.download(url, dir / "pkg").code, Error::NoError);
+  EXPECT_EQ(harness::readFile(dir / "pkg"), patternBody(100000));
+  EXPECT_EQ(thrownBy([&] { bad.download(url, dir / "pkg"); }).message, "403");
+  EXPECT_NE(harness::readFile(dir / "pkg").find("SignatureDoesNotMatch"), std::string::npos);
 }
 
 }  // namespace
