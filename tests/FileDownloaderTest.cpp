@@ -5,7 +5,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <functional>
 
 #include "Harness.h"
@@ -35,17 +34,12 @@ std::string errorLine(const std::string& url, const std::string& text) {
   return "E selvane:FileDownloader:reason=error,url=" + url + ":" + text;
 }
 
-// What libcurl hands to the write (or header) callback, and the SIGPIPE disposition meanwhile.
+// What libcurl hands to the write (or header) callback.
 std::string received;
-sighandler_t sigpipeMeanwhile;
 size_t receive(char* bytes, size_t size, size_t count, void*) {
-  struct sigaction now {};
-  sigaction(SIGPIPE, nullptr, &now);
-  sigpipeMeanwhile = now.sa_handler;
   received.append(bytes, size * count);
   return size * count;
 }
-void ownSigpipeHandler(int) {}
 
 class FileDownloaderTest : public ::testing::Test {
  protected:
@@ -61,7 +55,6 @@ class FileDownloaderTest : public ::testing::Test {
 };
 
 TEST_F(FileDownloaderTest, PathDownloadsTruncateAndDescriptorDownloadsWriteAtTheOffset) {
-  harness::LogCapture log;
   harness::writeFile(dir / "out", std::string(5000, 'x'));
   const Error result = downloader.download(server.url("/ok/1000"), dir / "out");
   EXPECT_EQ(result.errorString() + " " + result.url, "no error (OK) " + server.url("/ok/1000"));
@@ -69,18 +62,12 @@ TEST_F(FileDownloaderTest, PathDownloadsTruncateAndDescriptorDownloadsWriteAtThe
   ASSERT_EQ(downloader.download(server.url("/ok/1"), dir / "new").code, Error::NoError);
   struct stat st {};
   EXPECT_EQ(stat((dir / "new").c_str(), &st) == 0 ? st.st_mode & 077 : 1, 0u);  // 0600 at most
-  downloader.setBufferSize(1024);
-  downloader.setMaximumTransferRate(50000000);
   const int fd = open((dir / "fd").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_EQ(write(fd, "prefix", 6), 6);
   EXPECT_EQ(downloader.download(server.url("/ok/500"), fd).code, Error::NoError);
   EXPECT_EQ(write(fd, "!", 1), 1);  // the descriptor stays open, at the end of the body
   close(fd);
   EXPECT_EQ(harness::readFile(dir / "fd"), "prefix" + patternBody(500) + "!");
-  EXPECT_EQ(log.startingWith("D selvane:download:"),  // none for libcurl's defaults
-            (Strings{"D selvane:download::Setting buffer size to 1024",
-                     "D selvane:download::Setting send/recv speed to 50000000"}));
-  EXPECT_EQ(log.startingWith("E "), Strings{});
 }
 
 TEST_F(FileDownloaderTest, HeadersGoInNameOrderAndOneShotHeadersAndBodiesAreSentOnce) {
@@ -95,85 +82,49 @@ TEST_F(FileDownloaderTest, HeadersGoInNameOrderAndOneShotHeadersAndBodiesAreSent
   EXPECT_LT(at("Alpha: a b:c"), at("Zeta: z"));  // byte order: upper case first
   EXPECT_LT(at("Zeta: z"), at("mid: second"));
   EXPECT_LT(at("mid: second"), lines.end());
-  EXPECT_EQ(server.lastRequest().method(), "POST");
+  EXPECT_EQ(server.lastRequest().requestLine, "POST /echo HTTP/1.1");
   EXPECT_EQ(received, std::string("ab\0cd", 5));  // echoed
 
   ASSERT_EQ(fetch("/echo").code, Error::NoError);
   EXPECT_EQ(sent("Alpha"), Strings{});
   EXPECT_EQ(sent("mid"), Strings{"second"});
-  EXPECT_EQ(server.lastRequest().method(), "GET");
+  EXPECT_EQ(server.lastRequest().requestLine, "GET /echo HTTP/1.1");
   downloader.resetHeaders();
   ASSERT_EQ(fetch("/echo").code, Error::NoError);
   EXPECT_EQ(sent("Zeta"), Strings{});
 }
 
-TEST_F(FileDownloaderTest, BadDestinationsAreReturnedBeforeATransferAndSigpipeIsRestored) {
-  signal(SIGPIPE, &ownSigpipeHandler);
-  ASSERT_EQ(fetch("/ok/1").code, Error::NoError);
-  EXPECT_EQ(sigpipeMeanwhile, SIG_IGN);
-  EXPECT_EQ(signal(SIGPIPE, SIG_DFL), &ownSigpipeHandler);
-
+TEST_F(FileDownloaderTest, BadDestinationsAreReturnedBeforeATransfer) {
   const std::string url = server.url("/ok/1");
-  const int readOnly = open("/dev/null", O_RDONLY | O_CLOEXEC);
   const std::pair<std::function<Error()>, const char*> cases[] = {
       {[&] { return downloader.download(url, dir / "no/dir"); },
        "file (Could not open destination file)"},
       {[&] { return downloader.download(url, -1); }, "general (Unable to duplicate the fd)"},
-      {[&] { return downloader.download(url, readOnly); }, "general (Unable to open the fd)"},
       {[&] { return downloader.download(url, nullptr, nullptr); },
        "general (Provided Callback cannot be NULL)"},
-      {[&] { return Error(Error::CurlError, "", url); }, "CURL"},  // libcurl's, without its code
   };
   for (const auto& c : cases) {
     harness::LogCapture log;
     EXPECT_EQ(c.first().errorString(), c.second);
     EXPECT_EQ(log.texts(), Strings{errorLine(url, c.second)});
   }
-  close(readOnly);
-  EXPECT_EQ(server.requests().size(), 1u);  // the first download's alone
+  EXPECT_EQ(server.requests().size(), 0u);
 }
 
-void capped(FileDownloader& downloader) { downloader.setMaximumFileSize(1000); }
-
-TEST_F(FileDownloaderTest, FailuresAndStatusesOtherThan200AreThrownAfterTheBodyIsWritten) {
-  const struct {
-    std::string url;
-    void (*policy)(FileDownloader&);
-    CURLcode curlCode;  // CURLE_OK for an HttpError, or with status 200 for success
-    long status;
-    std::string body;  // what the destination holds afterwards
-  } cases[] = {
-      {server.url("/redirect/10"), nullptr, CURLE_OK, 200, "arrived"},
-      {server.url("/status/404"), nullptr, CURLE_OK, 404, "status 404"},
-      {server.url("/status/206"), nullptr, CURLE_OK, 206, "status 206"},
-      {server.url("/redirect/11"), nullptr, CURLE_TOO_MANY_REDIRECTS, 302, ""},
-      {server.url("/alias"), nullptr, CURLE_UNSUPPORTED_PROTOCOL, 0, ""},  // without the alias
-      {"http://127.0.0.1:1/x", nullptr, CURLE_COULDNT_CONNECT, 0, ""},
-      {server.url("/redirect/1"), [](FileDownloader& d) { d.setAllowedProtocols("", "https"); },
-       CURLE_UNSUPPORTED_PROTOCOL, 302, ""},
-      {server.url("/ok/1"), [](FileDownloader& d) { d.setAllowedProtocols("https", "https"); },
-       CURLE_UNSUPPORTED_PROTOCOL, 0, ""},
-      {server.url("/nolength/1000"), capped, CURLE_OK, 200, patternBody(1000)},
-      {server.url("/ok/1001"), capped, CURLE_FILESIZE_EXCEEDED, 200, ""},          // by its length
-      {server.url("/nolength/300000"), capped, CURLE_FILESIZE_EXCEEDED, 200, ""},  // as it comes
-  };
-  for (const auto& c : cases) {
-    harness::writeFile(dir / "out", "old content");
-    FileDownloader d;
-    if (c.policy != nullptr) c.policy(d);
-    harness::LogCapture log;
-    const bool ok = c.curlCode == CURLE_OK && c.status == 200;
-    const Error e =
-        ok ? d.download(c.url, dir / "out") : thrownBy([&] { d.download(c.url, dir / "out"); });
-    EXPECT_EQ(e.code, ok ? Error::NoError : c.curlCode ? Error::CurlError : Error::HttpError);
-    EXPECT_EQ(e.curlCode, c.curlCode) << c.url;
-    EXPECT_EQ(e.message, c.curlCode ? e.message : ok ? "OK" : std::to_string(c.status));
-    EXPECT_NE(e.message, "") << c.url;  // for libcurl's failures, its error buffer
-    EXPECT_EQ(e.url, c.url);
-    EXPECT_EQ(d.responseCode(), c.status) << c.url;
-    EXPECT_EQ(harness::readFile(dir / "out"), c.body) << c.url;
-    EXPECT_EQ(log.startingWith("E "), ok ? Strings{} : Strings{errorLine(c.url, e.errorString())});
-  }
+TEST_F(FileDownloaderTest, TenRedirectsAreFollowedAndOtherStatusesThan200AreThrownAfterTheBody) {
+  ASSERT_EQ(downloader.download(server.url("/redirect/10"), dir / "out").code, Error::NoError);
+  EXPECT_EQ(harness::readFile(dir / "out"), "arrived");
+  harness::LogCapture log;
+  const std::string partial = server.url("/status/206"), endless = server.url("/redirect/11");
+  const Error status = thrownBy([&] { downloader.download(partial, dir / "out"); });
+  EXPECT_EQ(status.errorString() + " " + status.url, "HTTP (206) " + partial);
+  EXPECT_EQ(harness::readFile(dir / "out"), "status 206");
+  const Error redirects = thrownBy([&] { downloader.download(endless, dir / "out"); });
+  EXPECT_EQ(redirects.code, Error::CurlError);
+  EXPECT_EQ(redirects.curlCode, CURLE_TOO_MANY_REDIRECTS);
+  EXPECT_EQ(downloader.responseCode(), 302);
+  EXPECT_EQ(log.startingWith("E "), (Strings{errorLine(partial, "HTTP (206)"),
+                                             errorLine(endless, redirects.errorString())}));
 }
 
 TEST_F(FileDownloaderTest, AliasedStatusLinesAreAcceptedAndAHeaderCallbackGetsThem) {
@@ -183,25 +134,6 @@ TEST_F(FileDownloaderTest, AliasedStatusLinesAreAcceptedAndAHeaderCallbackGetsTh
   ASSERT_EQ(fetch("/alias").code, Error::NoError);
   EXPECT_EQ(received,
             "SELVANE/1.0 200 Fine\r\nContent-Length: 5\r\nConnection: close\r\n\r\nalias");
-  downloader.setHeaderCallback(nullptr);
-  ASSERT_EQ(fetch("/alias").code, Error::NoError);
-  EXPECT_EQ(received, "alias");
-}
-
-TEST_F(FileDownloaderTest, ProgressIsReportedAndAFalseAnswerAbortsAStalledTransfer) {
-  static double now = -1, total = -1;
-  downloader.setProgressCallback([](double received, double expected) {
-    now = received;
-    total = expected;
-    return received < 1000;
-  });
-  // The server sends 1000 of its 1 MiB and falls silent; the observer ends the wait.
-  EXPECT_EQ(thrownBy([&] { fetch("/stall/1000"); }).curlCode, CURLE_ABORTED_BY_CALLBACK);
-  EXPECT_EQ(now, 1000);
-  EXPECT_EQ(total, 1048576);
-  downloader.setProgressCallback(nullptr);
-  ASSERT_EQ(fetch("/ok/10").code, Error::NoError);
-  EXPECT_EQ(now, 1000);
 }
 
 // nginx with a self-signed certificate for localhost, which libcurl's default CA bundle trusts
@@ -215,80 +147,48 @@ TEST_F(FileDownloaderTest, HttpsNeedsATrustedCertificateForTheHostAndTheMinimumT
                            " -keyout " +
                            key + " -out " + crt + " 2>/dev/null"),
             0);
-  fixtures::NginxServer nginx({{crt, key}, {crt, key, "TLSv1.2"}});
-  harness::writeFile(nginx.docroot() + "/pkg", patternBody(200000));
-  using TLS = FileDownloader::TLSVersion;
-  const struct {
-    std::string url;
-    TLS tls;
-    CURLcode expected;
-  } cases[] = {
-      {nginx.httpsUrl(0, "/pkg"), TLS::Default, CURLE_PEER_FAILED_VERIFICATION},  // not yet
-      {nginx.httpsUrl(0, "/pkg"), TLS::Default, CURLE_OK},
-      {nginx.httpsUrl(0, "/pkg", "127.0.0.1"), TLS::Default, CURLE_PEER_FAILED_VERIFICATION},
-      {nginx.httpsUrl(1, "/pkg"), TLS::TLSv1_2, CURLE_OK},
-      {nginx.httpsUrl(1, "/pkg"), TLS::TLSv1_3, CURLE_SSL_CONNECT_ERROR},
+  fixtures::NginxServer nginx({{crt, key, "TLSv1.2"}});
+  harness::writeFile(nginx.docroot() + "/pkg", "package");
+  const auto failure = [&](FileDownloader& d, const std::string& host) {
+    return thrownBy([&] { d.download(nginx.httpsUrl(0, "/pkg", host), dir / "out"); }).curlCode;
   };
-  for (const auto& c : cases) {
-    FileDownloader policed;
-    policed.setMinimumTLSVersion(c.tls);
-    const Error result = c.expected == CURLE_OK
-                             ? policed.download(c.url, dir / "out")
-                             : thrownBy([&] { policed.download(c.url, dir / "out"); });
-    EXPECT_EQ(result.curlCode, c.expected) << c.url << " " << result.errorString();
-    EXPECT_EQ(harness::readFile(dir / "out"), c.expected ? "" : patternBody(200000)) << c.url;
-    if (&c == &cases[0]) {
-      harness::writeFile(dir / "bundle", harness::readFile(bundle) + harness::readFile(crt));
-      ASSERT_EQ(mount((dir / "bundle").c_str(), bundle.c_str(), nullptr, MS_BIND, nullptr), 0);
-    }
-  }
+  EXPECT_EQ(failure(downloader, "localhost"), CURLE_PEER_FAILED_VERIFICATION);  // not yet trusted
+  harness::writeFile(dir / "bundle", harness::readFile(bundle) + harness::readFile(crt));
+  ASSERT_EQ(mount((dir / "bundle").c_str(), bundle.c_str(), nullptr, MS_BIND, nullptr), 0);
+  EXPECT_EQ(downloader.download(nginx.httpsUrl(0, "/pkg"), dir / "out").code, Error::NoError);
+  EXPECT_EQ(harness::readFile(dir / "out"), "package");
+  EXPECT_EQ(failure(downloader, "127.0.0.1"), CURLE_PEER_FAILED_VERIFICATION);
+  FileDownloader strict;
+  strict.setMinimumTLSVersion(FileDownloader::TLSVersion::TLSv1_3);
+  EXPECT_EQ(failure(strict, "localhost"), CURLE_SSL_CONNECT_ERROR);  // the server stops at 1.2
   umount2(bundle.c_str(), MNT_DETACH);
 }
 
 // ---- signed downloads -------------------------------------------------------------------------
 
-const zorvelauth::Credentials kCredentials("AKIDSELVANE", "s3cr3t/key+");
-
-class ZorvelFileDownloaderTest : public FileDownloaderTest {
- protected:
+TEST_F(FileDownloaderTest, ZorvelPathAndDescriptorDownloadsAreSignedOnceCallbackDownloadsNot) {
+  const zorvelauth::Credentials credentials("AKIDSELVANE", "s3cr3t/key+");
+  selvane::ZorvelFileDownloader signer(credentials);
   // Checks that the last request carried exactly one signature, valid for its own date.
-  void expectSignedOnce(const std::string& path) {
+  const auto expectSignedOnce = [&](const std::string& path) {
     const Strings dates = sent("date");
     ASSERT_EQ(dates.size(), 1u);
     EXPECT_EQ(sent("authorization"),
-              Strings{zorvelauth::RequestAuthenticator(kCredentials)
+              Strings{zorvelauth::RequestAuthenticator(credentials)
                           .authorizeRequest(zorvelauth::Request::createGETRequest(
                               zorvelauth::CanonicalizedResource(server.url(path)), dates[0]))});
-  }
-  selvane::ZorvelFileDownloader signer{kCredentials};
-};
-
-TEST_F(ZorvelFileDownloaderTest, PathAndDescriptorDownloadsAreSignedOnceCallbackDownloadsNot) {
-  harness::LogCapture log;
-  signer.setHeader("X-Caller", "kept", true);
-  signer.setHeader("date", "caller's own", true);  // replaced by the signing
+  };
   ASSERT_EQ(signer.download(server.url("/ok/100"), dir / "out").code, Error::NoError);
   EXPECT_EQ(harness::readFile(dir / "out"), patternBody(100));
   expectSignedOnce("/ok/100");
-  // The path download signs, and so does the descriptor download it makes.
-  EXPECT_EQ(log.startingWith("D selvane:setHeader:name=authorization,").size(), 2u);
   ASSERT_EQ(signer.download(server.url("/ok/1"), &receive, nullptr).code, Error::NoError);
-  EXPECT_EQ(sent("date"), Strings{});  // one-shot
-  EXPECT_EQ(sent("X-Caller"), Strings{"kept"});
-
+  EXPECT_EQ(sent("authorization"), Strings{});  // one-shot, and not made for callback downloads
   const int fd = open((dir / "out").c_str(), O_WRONLY | O_CLOEXEC);
   signer.setPOST("query");
   ASSERT_EQ(signer.download(server.url("/echo"), fd).code, Error::NoError);
-  EXPECT_EQ(server.lastRequest().method(), "POST");  // under a GET signature
-  expectSignedOnce("/echo");
-  // A thrown error leaves the signature for the next download, which does not sign.
-  EXPECT_EQ(thrownBy([&] { signer.download(server.url("/status/404"), fd); }).message, "404");
   close(fd);
-  const Strings signature = sent("authorization");
-  ASSERT_EQ(signer.download(server.url("/ok/1"), &receive, nullptr).code, Error::NoError);
-  EXPECT_EQ(sent("authorization"), signature);
-  EXPECT_THROW(signer.download("not a url", dir / "new"), std::invalid_argument);
-  EXPECT_NE(access((dir / "new").c_str(), F_OK), 0);
+  EXPECT_EQ(server.lastRequest().requestLine, "POST /echo HTTP/1.1");  // under a GET signature
+  expectSignedOnce("/echo");
 }
 
 // s3rver (tests/s3rver, from the npm registry, with a fix: scripts/setup-s3rver.sh) as a child,
@@ -308,20 +208,11 @@ TEST(ZorvelS3rver, ACorrectSignatureFetchesTheObjectAndBadOnesGetTheServers403) 
       [&] { return harness::shell("curl -sf -T " + dir / "upload" + " " + url) == 0; }, 15000))
       << fixtures::slurp(dir / "log");
 
-  const std::pair<zorvelauth::Credentials, const char*> cases[] = {
-      {{"S3RVER", "S3RVER"}, nullptr},
-      {{"S3RVER", "wrong secret"}, "SignatureDoesNotMatch"},
-      {{"UNKNOWNKEY", "S3RVER"}, "InvalidAccessKeyId"},
-  };
-  for (const auto& c : cases) {
-    selvane::ZorvelFileDownloader downloader(c.first);
-    const Error result = c.second == nullptr
-                             ? downloader.download(url, dir / "pkg")
-                             : thrownBy([&] { downloader.download(url, dir / "pkg"); });
-    EXPECT_EQ(result.message, c.second == nullptr ? "OK" : "403");
-    const std::string body = harness::readFile(dir / "pkg");
-    EXPECT_TRUE(c.second ? body.find(c.second) != std::string::npos : body == patternBody(100000));
-  }
+  selvane::ZorvelFileDownloader good({"S3RVER", "S3RVER"}), bad({"S3RVER", "wrong secret"});
+  ASSERT_EQ(good.download(url, dir / "pkg").code, Error::NoError);
+  EXPECT_EQ(harness::readFile(dir / "pkg"), patternBody(100000));
+  EXPECT_EQ(thrownBy([&] { bad.download(url, dir / "pkg"); }).message, "403");
+  EXPECT_NE(harness::readFile(dir / "pkg").find("SignatureDoesNotMatch"), std::string::npos);
 }
 
 }  // namespace
