@@ -30,13 +30,6 @@ std::vector<harness::LogLine> g_syslog;
 std::vector<int> g_reboots;
 bool g_privateNamespace = false;
 
-void recordSyslog(int priority, const char* format, va_list args) {
-  char buffer[8192];
-  std::vsnprintf(buffer, sizeof buffer, format, args);
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_syslog.push_back({priority, buffer});
-}
-
 }  // namespace
 
 // ---- interposed C library functions ---------------------------------------------------------
@@ -51,11 +44,15 @@ extern "C" int reboot(int cmd) {
   return -1;
 }
 
-#define RECORD_SYSLOG                   \
-  va_list args;                         \
-  va_start(args, format);               \
-  recordSyslog(priority, format, args); \
-  va_end(args)
+// Both take the line's priority and format, then its arguments.
+#define RECORD_SYSLOG                                  \
+  char buffer[8192];                                   \
+  va_list args;                                        \
+  va_start(args, format);                              \
+  std::vsnprintf(buffer, sizeof buffer, format, args); \
+  va_end(args);                                        \
+  std::lock_guard<std::mutex> lock(g_mutex);           \
+  g_syslog.push_back({priority, buffer})
 extern "C" void syslog(int priority, const char* format, ...) { RECORD_SYSLOG; }
 extern "C" void __syslog_chk(int priority, int, const char* format, ...) { RECORD_SYSLOG; }
 
