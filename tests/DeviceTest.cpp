@@ -32,9 +32,13 @@ class MMCDeviceTest : public ::testing::Test {
   void SetUp() override { SELVANE_REQUIRE_ROOT(); }
   void TearDown() override { brix_set_config(nullptr, nullptr); }
 
-  // A U-Boot environment, a redundant pair of 16 KiB copies at offsets 0 and 0x4000 of storage,
-  // for the property store of this process; the boot loader's fw_printenv reads the same.
-  void bootEnvironment(const std::string& storage) {
+  // Both root filesystems, and a U-Boot environment (a redundant pair of 16 KiB copies at offsets 0
+  // and 0x4000 of the brix partition, zeros as on a first boot) for the property store of this
+  // process; the boot loader's fw_printenv reads the same.
+  void bootEnvironment() {
+    disks.add("main-A", 4096);
+    disks.add("main-B", 4096);
+    const std::string storage = disks.add("brix", 0x8000, LabelledPartitions::Zeros);
     harness::writeFile(config, storage + " 0x0 0x4000\n" + storage + " 0x4000 0x4000\n");
     brix_set_config(config.c_str(), (scratch / "initial-env").c_str());
   }
@@ -47,7 +51,7 @@ class MMCDeviceTest : public ::testing::Test {
   harness::ScratchDir scratch;
   LabelledPartitions disks{scratch.path()};
   harness::LogCapture log;
-  const std::string config = scratch / "fw_env.config";
+  const std::string config = scratch / "fw_env.config", point = scratch / "point";
 };
 
 // The value of key read through the store, or "<status N>".
@@ -60,8 +64,6 @@ std::string property(const std::string& key) {
 // The host's own root is neither main-A nor main-B (running from those is what the update tests
 // do): it is taken for main-A, with a warning.
 TEST_F(MMCDeviceTest, TheSystemDeviceOnAnEMMCBoardFindsTheRunningRootFilesystem) {
-  setenv("MARVIX_BOARD_FLASH", "none", 1);
-  EXPECT_EQ(errorText([] { Device::createSystemDevice(); }), "Failed to detect flash type");
   setenv("MARVIX_BOARD_FLASH", "emmc", 1);
   disks.add("main-B", 4096);
   EXPECT_EQ(errorText([] { Device::createSystemDevice(); }),
@@ -71,47 +73,25 @@ TEST_F(MMCDeviceTest, TheSystemDeviceOnAnEMMCBoardFindsTheRunningRootFilesystem)
   EXPECT_EQ(device->getCurrentRootfs(), Device::A);
   EXPECT_EQ(device->getOtherRootfs(), Device::B);
   const auto other = device->getOtherRootfsPartition();
-  EXPECT_EQ(other, device->getOtherRootfsPartition());
   EXPECT_EQ(boost::dynamic_pointer_cast<selvane::MMCPartition>(other)->getDevicePath(),
             LabelledPartitions::link("main-B"));
-  EXPECT_EQ(
-      log.startingWith("E "),
-      (Lines{"E Device:createSystemDevice::Failed to detect flash type",
-             "E DeviceCommon:getDeviceID:errno=2:Failed to stat /dev/disk/by-partlabel/main-A"}));
-  EXPECT_TRUE(
-      log.contains("W MMCDevice:getCurrentRootfs::Could not detect rootfs, assuming main-A"));
 }
 
 TEST_F(MMCDeviceTest, BootPropertiesReachTheBootLoader) {
-  disks.add("main-A", 4096);
-  disks.add("main-B", 4096);
-  bootEnvironment(disks.add("brix", 0x8000, LabelledPartitions::Zeros));  // a first boot
+  bootEnvironment();
   selvane::MMCDevice device;
   device.setBootRootfs(Device::B, 4294967295u);
   EXPECT_EQ(printenv("boot.otaretrycount") + printenv("boot.bootmode"), "4294967295main-B");
   device.setKnownGood(Device::A);
   EXPECT_EQ(selvane::BRIX::getProperty("boot.knowngood"), "main-A");
-  EXPECT_TRUE(selvane::BRIX::setProperty("high",
-                                         "ab\xc3"
-                                         "cd"));
+  EXPECT_TRUE(selvane::BRIX::setProperty("high", "ab\xc3\x80"));
   EXPECT_EQ(selvane::BRIX::getProperty("high"), "ab");  // cut at the first byte above 0x7F
-  EXPECT_EQ(errorText([] { selvane::BRIX::getProperty("boot.none"); }),
-            "Failed to read brix property for key: boot.none");
-  // Failed writes are only logged, and the second property is written after a failed first.
-  log.clear();
-  brix_set_config((scratch / "missing").c_str(), nullptr);
-  device.setBootRootfs(Device::B, 3);
-  const std::string failed = ",status=1:Failed to set brix property";
-  EXPECT_EQ(log.texts(), (Lines{"E selvane:setBRIX:key=boot.otaretrycount,val=3" + failed,
-                                "E selvane:setBRIX:key=boot.bootmode,val=main-B" + failed}));
 }
 
 // A child runs setBootRootfs and is killed at a (seeded) random moment, many times over. The pair
 // of copies keeps each property at its old or its new value, readable through the store.
 TEST_F(MMCDeviceTest, BootPropertyPowerLoss) {
-  disks.add("main-A", 4096);
-  disks.add("main-B", 4096);
-  bootEnvironment(disks.add("brix", 0x8000, LabelledPartitions::Zeros));
+  bootEnvironment();
   selvane::MMCDevice device;
   device.setBootRootfs(Device::A, 0);  // both copies complete before the first kill
   device.setBootRootfs(Device::A, 0);
@@ -120,7 +100,7 @@ TEST_F(MMCDeviceTest, BootPropertyPowerLoss) {
   wait(nullptr);
   const long span = (std::chrono::steady_clock::now() - start).count() * 6 / 5;
   std::mt19937 random(20261125);
-  int killed = 0, modeChanged = 0, countChanged = 0, kills = 150;
+  int killed = 0, modeChanged = 0, kills = 150;
   for (int i = 0; i < kills; ++i) {
     const std::string oldMode = property("boot.bootmode"),
                       oldCount = property("boot.otaretrycount");
@@ -140,13 +120,12 @@ TEST_F(MMCDeviceTest, BootPropertyPowerLoss) {
     ASSERT_TRUE(mode == oldMode || mode == selvane::labelToText(label)) << i << ": " << mode;
     ASSERT_TRUE(count == oldCount || count == std::to_string(retries)) << i << ": " << count;
     modeChanged += mode != oldMode;
-    countChanged += count != oldCount;
   }
   std::printf("%d of %d kills landed before setBootRootfs ended\n", killed, kills);
   EXPECT_EQ(printenv("boot.bootmode"), property("boot.bootmode"));
   EXPECT_GT(killed, 0);
   EXPECT_GT(modeChanged, 0);
-  EXPECT_LT(countChanged, kills);
+  EXPECT_LT(modeChanged, kills);
 }
 
 // The device's own list, its links pointing at a directory (boot), a device of 15 sectors (brix),
@@ -175,12 +154,10 @@ TEST_F(MMCDeviceTest, EvictDataAndHaltWipesWhatItCanThenHalts) {
   EXPECT_EQ(harness::readFile(disks.image("main-A")), std::string(4096, '\xa5'));
   disks.add("mfg", 4096);
   const char* one[] = {"/dev/disk/by-partlabel/mfg", nullptr};
-  const char* none[] = {nullptr};
   selvane::evictDataAndHalt(one);
-  selvane::evictDataAndHalt(none);
   selvane::evictDataAndHalt(nullptr);
   EXPECT_EQ(harness::readFile(disks.image("mfg")), std::string(4096, '\0'));
-  EXPECT_EQ(harness::rebootRequests(), std::vector<int>(4, RB_HALT_SYSTEM));
+  EXPECT_EQ(harness::rebootRequests(), std::vector<int>(3, RB_HALT_SYSTEM));
 }
 
 // ---- partitions -----------------------------------------------------------------------------
@@ -188,11 +165,9 @@ TEST_F(MMCDeviceTest, EvictDataAndHaltWipesWhatItCanThenHalts) {
 // The primitives each operation calls are read back from the log, with the flags of each mount.
 TEST_F(MMCDeviceTest, PartitionsMountRemountEraseAndCheck) {
   disks.add("main-B", 8 << 20, LabelledPartitions::Ext3);
-  const std::string point = scratch / "point";
   ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
   selvane::MMCPartition partition(LabelledPartitions::link("main-B"));
   const std::string temporary = partition.mount("", true);
-  EXPECT_TRUE(std::regex_match(temporary, std::regex("/tmp/ota-mount-[A-Za-z0-9]{6}")));
   EXPECT_EQ(partition.mount(point, false), point);  // the first mount goes; its directory stays
   EXPECT_EQ(rmdir(temporary.c_str()), 0);
   harness::writeFile(point + "/old", "");
@@ -218,38 +193,23 @@ TEST_F(MMCDeviceTest, PartitionsMountRemountEraseAndCheck) {
 }
 
 TEST_F(MMCDeviceTest, PartitionFailures) {
-  const std::string point = scratch / "point";
   ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
   disks.add("main-A", 1 << 20);  // no filesystem
   selvane::MMCPartition plain(LabelledPartitions::link("main-A"));
   EXPECT_EQ(errorText([&] { plain.mount(point, false); }), "Failed to mount partition");
   EXPECT_EQ(plain.getMountPoint(), "");
-  EXPECT_EQ(errorText([] { selvane::MMCPartition("/nonexistent").erase(); }), "Failed to erase");
   disks.add("main-B", 8 << 20, LabelledPartitions::Ext3, true);  // read-only
   selvane::MMCPartition readOnly(LabelledPartitions::link("main-B"));
   readOnly.mount(point, true);
   EXPECT_EQ(errorText([&] { readOnly.remount_rw(); }), "Failed to remount partition RW");
   EXPECT_TRUE(readOnly.isReadOnly());
   readOnly.unmount();
-  // A busy mount stays: unmount() throws, and so does the destructor.
-  EXPECT_EQ(errorText([&] {
-              selvane::MMCPartition busy(LabelledPartitions::link("main-B"));
-              ASSERT_EQ(chdir(busy.mount(point, true).c_str()), 0);
-              EXPECT_EQ(errorText([&] { busy.unmount(); }), "Failed to unmount");
-              EXPECT_EQ(busy.getMountPoint(), point);
-            }),
-            "Failed to unmount");
-  ASSERT_EQ(chdir("/"), 0);
-  ASSERT_EQ(umount(point.c_str()), 0);
   ASSERT_EQ(mount("full", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0);  // no room for a directory
   EXPECT_EQ(errorText([&] { plain.mount("", false); }), "Failed to create a temporary directory");
   ASSERT_EQ(umount("/tmp"), 0);
-  const Lines failed = log.startingWith("E Partition:");
-  ASSERT_EQ(failed.size(), 1u);
-  EXPECT_TRUE(
-      std::regex_match(failed[0], std::regex("E Partition:mkdtemp:dir=/tmp/ota-mount-\\w{6},"
-                                             "errno=30:Failed to create a temporary directory")))
-      << failed[0];
+  EXPECT_TRUE(std::regex_match(log.startingWith("E Partition:").at(0),
+                               std::regex("E Partition:mkdtemp:dir=/tmp/ota-mount-\\w{6},errno=30:"
+                                          "Failed to create a temporary directory")));
 }
 
 }  // namespace

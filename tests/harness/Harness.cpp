@@ -30,15 +30,6 @@ std::vector<harness::LogLine> g_syslog;
 std::vector<int> g_reboots;
 bool g_privateNamespace = false;
 
-void recordSyslog(int priority, const char* format, va_list args) {
-  char buffer[8192];
-  std::vsnprintf(buffer, sizeof buffer, format, args);
-  if (getenv("SELVANE_TEST_SYSLOG") != nullptr)
-    std::fprintf(stderr, "syslog<%d> %s\n", priority, buffer);
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_syslog.push_back({priority, buffer});
-}
-
 }  // namespace
 
 // ---- interposed C library functions ---------------------------------------------------------
@@ -53,19 +44,17 @@ extern "C" int reboot(int cmd) {
   return -1;
 }
 
-extern "C" void syslog(int priority, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  recordSyslog(priority, format, args);
-  va_end(args);
-}
-
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  recordSyslog(priority, format, args);
-  va_end(args);
-}
+// Both take the line's priority and format, then its arguments.
+#define RECORD_SYSLOG                                  \
+  char buffer[8192];                                   \
+  va_list args;                                        \
+  va_start(args, format);                              \
+  std::vsnprintf(buffer, sizeof buffer, format, args); \
+  va_end(args);                                        \
+  std::lock_guard<std::mutex> lock(g_mutex);           \
+  g_syslog.push_back({priority, buffer})
+extern "C" void syslog(int priority, const char* format, ...) { RECORD_SYSLOG; }
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) { RECORD_SYSLOG; }
 
 // LeakSanitizer's hook, asked when a process exits: a forked child that chrooted into a test root
 // has no /proc to scan, so the check is skipped there instead of failing the child.
@@ -135,8 +124,7 @@ std::vector<std::string> mountsUnder(const std::string& prefix) {
   std::istringstream points(out);
   std::vector<std::string> result;
   while (std::getline(points, point))
-    if ((point + "/").compare(0, prefix.size() + 1, prefix == "/" ? "/" : prefix + "/") == 0)
-      result.push_back(point);
+    if (point == prefix || point.rfind(prefix + "/", 0) == 0) result.push_back(point);
   return result;
 }
 
