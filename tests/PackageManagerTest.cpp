@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include "Harness.h"
-#include "OpkgTool.h"
 #include "PackageBuilder.h"
 
 namespace {
@@ -18,6 +17,11 @@ bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 const std::string kSanity = "PackageManager:performSanityCheck:status=";
 
 void mkdirs(const std::string& path) { ASSERT_EQ(harness::shell("mkdir -p " + quote(path)), 0); }
+
+// The project's opkg-compatible tool, read at start-up: a test may later hide the source tree
+// behind a private /tmp. It serves as the running system's opkg and as the target's opkg-cl.
+const std::string kOpkg =
+    harness::readFile(SELVANE_TEST_SOURCE_DIR "/../tools/opkg/opkg-compat.sh");
 
 TEST(PackageDatabase, StatusFileRules) {
   harness::ScratchDir scratch;
@@ -59,8 +63,16 @@ class PackageOperations : public ::testing::Test {
  protected:
   void SetUp() override {
     SELVANE_REQUIRE_ROOT();
-    fixtures::provideHostOpkg();
-    fixtures::makeTargetRoot(root);
+    // Once per process, inside its private namespace; /var/local/lib holds the install scratch.
+    static const int hostReady = [] {
+      harness::makeHostPathWritable("/usr/bin");
+      harness::makeHostPathWritable("/var");
+      harness::writeFile("/usr/bin/opkg", kOpkg, 0755);
+      return harness::shell("mkdir -p /var/local/lib");
+    }();
+    ASSERT_EQ(hostReady, 0);
+    harness::makeBusyboxRoot(root);
+    harness::writeFile(root + "/usr/bin/opkg-cl", kOpkg, 0755);
   }
   // What the package manager itself logged since the last clear.
   Lines ours() const {
