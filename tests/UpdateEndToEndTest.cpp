@@ -44,7 +44,9 @@ const std::string kClasses =
     "no-space";
 
 bool isPackage(const json& p) {
-  if (!p.is_object() || !p["name"].is_string() || !p["version"].is_string()) return false;
+  if (!p.is_object() || !p.value("name", json()).is_string() ||
+      !p.value("version", json()).is_string())
+    return false;
   for (const auto& [key, value] : p.items())
     if (!(key == "name" || key == "version" || (key == "size" && value.is_number_unsigned()) ||
           (key == "url" && value.is_string())))
