@@ -60,6 +60,8 @@ class ScratchDir {
  public:
   ScratchDir();
   ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
   const std::string& path() const { return dir; }
   std::string operator/(const std::string& name) const { return dir + "/" + name; }
 
@@ -83,6 +85,8 @@ class LoopDevice {
  public:
   explicit LoopDevice(const std::string& backingFile, bool readOnly = false);
   ~LoopDevice();
+  LoopDevice(const LoopDevice&) = delete;
+  LoopDevice& operator=(const LoopDevice&) = delete;
   const std::string& path() const { return device; }
 
  private:
