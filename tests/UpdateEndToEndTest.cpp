@@ -326,12 +326,17 @@ TEST_F(UpdateEndToEnd, EveryFailureLeavesTheRunningRootAndTheBootSelectionAlone)
   for (const std::string& f : {www + "digest" + x, tampered})  // one byte of the random data
     sh("printf X | dd bs=1 conv=notrunc of=" + f + " seek=$(($(stat -c %s " + f + ") - 1000))");
   publish("tampered", {tampered});
-  fixtures::PackageRecipe named = recipe("x"), sums = recipe("sums"),
+  fixtures::PackageRecipe named = recipe("x"), versioned = recipe("x"), sums = recipe("sums"),
                           broken =
                               recipe("base-files", "2.0-broken");  // its check rejects the root
-  named.rawControl = "Package: " + escape +
-                     "/bait\nVersion: 1\nArchitecture: all\nMaintainer: x\nDescription: x\n";
+  const auto control = [](const std::string& name, const std::string& version) {
+    return "Package: " + name + "\nVersion: " + version +
+           "\nArchitecture: all\nMaintainer: x\nDescription: x\n";
+  };
+  named.rawControl = control(escape + "/bait", "1");
+  versioned.rawControl = control("x", "1.0/" + escape);
   publish("name", {package(named)});
+  publish("version", {package(versioned)});
   publish("unsigned", {});
   sh("cd " + www + " && truncate -s -10 truncated" + x + " && truncate -s 200M oversize" + x +
      " && rm unsigned/manifest.sig && mkdir huge && truncate -s 300M huge/manifest");
@@ -357,7 +362,8 @@ TEST_F(UpdateEndToEnd, EveryFailureLeavesTheRunningRootAndTheBootSelectionAlone)
       {"truncated", 5, "the manifest says"},
       {"oversize", 5, "the transfer was stopped"},
       {"huge", 5, "the transfer was stopped"},
-      {"name", 3, "name of a package"},
+      {"name", 3, "(names use a-z 0-9 . + - and start with a letter or digit)"},
+      {"version", 3, "the manifest's version of package x is not allowed: '1.0/../"},
       {"unsigned", 7, "is not signed"},
       {install("release-2.0", "--allow-http --allow-unsigned-manifest"), 2, "--allow-http"},
       {"0.9", 17, "older than the running release 1.0"},
