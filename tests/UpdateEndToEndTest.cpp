@@ -323,8 +323,11 @@ TEST_F(UpdateEndToEnd, EveryFailureLeavesTheRunningRootAndTheBootSelectionAlone)
             : name == "file-url" ? "file://" + www + name
                                  : "");
   const std::string tampered = fresh();
-  for (const std::string& f : {www + "digest" + x, tampered})  // one byte of the random data
-    sh("printf X | dd bs=1 conv=notrunc of=" + f + " seek=$(($(stat -c %s " + f + ") - 1000))");
+  for (const std::string& f : {www + "digest" + x, tampered}) {  // a bit of the data member
+    std::string bytes = harness::readFile(f);
+    bytes[bytes.size() - 1000] ^= 1;
+    harness::writeFile(f, bytes);
+  }
   publish("tampered", {tampered});
   fixtures::PackageRecipe named = recipe("x"), versioned = recipe("x"), sums = recipe("sums"),
                           broken =
