@@ -236,7 +236,8 @@ TEST_F(UpdateEndToEnd, InstallsTheNextReleaseSwitchesTheBootAndBootsIt) {
            {"pre-install.d/20-refuse", "exit 3"},
            {"pre-install.d/.hidden", "exit 1"},
            {"pre-install.d/15-not-executable", "exit 1"},
-           {"post-install.d/10-record", "echo $1 $SELVANE_RELEASE $SELVANE_OTHER_ROOT" + to},
+           {"post-install.d/10-record",
+            "echo $SELVANE_STAGE $SELVANE_RELEASE $SELVANE_OTHER_ROOT" + to},
            {"on-failure.d/10-record", "echo $1 $SELVANE_FAILURE $SELVANE_EXIT_CODE" + to}}) {
     sh("mkdir -p " + hooks + name.substr(0, name.find('/')));
     harness::writeFile(hooks + name, "#!/bin/sh\n" + body + "\n",
