@@ -30,6 +30,13 @@ std::vector<harness::LogLine> g_syslog;
 std::vector<int> g_reboots;
 bool g_privateNamespace = false;
 
+void recordSyslog(int priority, const char* format, va_list args) {
+  char buffer[8192];
+  std::vsnprintf(buffer, sizeof buffer, format, args);
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_syslog.push_back({priority, buffer});
+}
+
 }  // namespace
 
 // ---- interposed C library functions ---------------------------------------------------------
@@ -44,17 +51,19 @@ extern "C" int reboot(int cmd) {
   return -1;
 }
 
-// Both take the line's priority and format, then its arguments.
-#define RECORD_SYSLOG                                  \
-  char buffer[8192];                                   \
-  va_list args;                                        \
-  va_start(args, format);                              \
-  std::vsnprintf(buffer, sizeof buffer, format, args); \
-  va_end(args);                                        \
-  std::lock_guard<std::mutex> lock(g_mutex);           \
-  g_syslog.push_back({priority, buffer})
-extern "C" void syslog(int priority, const char* format, ...) { RECORD_SYSLOG; }
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) { RECORD_SYSLOG; }
+extern "C" void syslog(int priority, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  recordSyslog(priority, format, args);
+  va_end(args);
+}
+
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  recordSyslog(priority, format, args);
+  va_end(args);
+}
 
 // LeakSanitizer's hook, asked when a process exits: a forked child that chrooted into a test root
 // has no /proc to scan, so the check is skipped there instead of failing the child.
